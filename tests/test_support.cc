@@ -1,0 +1,150 @@
+#include "tests/test_support.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <sys/mman.h>
+
+#include <cstdlib>
+
+namespace gk::test {
+namespace {
+std::string g_log;
+
+void append_v(const char* fmt, va_list ap) {
+  char buf[4096];
+  va_list copy;
+  va_copy(copy, ap);
+  int n = vsnprintf(buf, sizeof buf, fmt, copy);
+  va_end(copy);
+  if (n > 0) g_log.append(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1);
+}
+
+void* map_new_file(const char* path, size_t len) {
+  int fd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) return nullptr;
+  if (::ftruncate(fd, static_cast<off_t>(len)) != 0) {
+    ::close(fd);
+    return nullptr;
+  }
+  void* p = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  return p == MAP_FAILED ? nullptr : p;
+}
+}  // namespace
+
+std::string& captured_log() { return g_log; }
+void clear_log() { g_log.clear(); }
+
+int count_occurrences(const std::string& haystack, const std::string& needle) {
+  int n = 0;
+  for (size_t pos = haystack.find(needle); pos != std::string::npos; pos = haystack.find(needle, pos + 1)) ++n;
+  return n;
+}
+
+pid_t start_child(const std::function<int()>& fn) {
+  fflush(stdout);
+  fflush(stderr);
+  pid_t pid = ::fork();
+  if (pid == 0) _exit(fn());
+  return pid;
+}
+
+int wait_child(pid_t pid) {
+  int status = 0;
+  if (::waitpid(pid, &status, 0) != pid) return -1;
+  if (WIFEXITED(status)) return WEXITSTATUS(status);
+  if (WIFSIGNALED(status)) return 128 + WTERMSIG(status);
+  return -1;
+}
+
+int run_child(const std::function<int()>& fn) { return wait_child(start_child(fn)); }
+
+Signal::Signal() {
+  if (::pipe2(fd, O_CLOEXEC) != 0) abort();
+}
+Signal::~Signal() {
+  ::close(fd[0]);
+  ::close(fd[1]);
+}
+void Signal::post() {
+  char c = 'k';
+  if (::write(fd[1], &c, 1) != 1) abort();
+}
+bool Signal::wait(int timeout_ms) {
+  struct pollfd p = {fd[0], POLLIN, 0};
+  if (::poll(&p, 1, timeout_ms) != 1) return false;
+  char c;
+  return ::read(fd[0], &c, 1) == 1;
+}
+
+std::string capture_stdout(const std::function<void()>& fn) {
+  fflush(stdout);
+  int p[2];
+  if (::pipe(p) != 0) abort();
+  int saved = ::dup(1);
+  ::dup2(p[1], 1);
+  ::close(p[1]);
+  fn();
+  fflush(stdout);
+  ::dup2(saved, 1);
+  ::close(saved);
+  std::string out;
+  char buf[4096];
+  ssize_t n;
+  while ((n = ::read(p[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+  ::close(p[0]);
+  return out;
+}
+
+MiniRegion::MiniRegion() {
+  header_base = map_new_file("/dev/cmdb/cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);
+  debug_zone_len = (16 + 1) * 276 + 300960;
+  debug_zone = map_new_file("/dev/cmdb/debug_zone", debug_zone_len);
+  if (header_base == nullptr || debug_zone == nullptr) abort();
+  auto* h = static_cast<cmdb_header_t*>(header_base);
+  h->magic = CMDB_HEADER_MAGIC;
+  h->log_level = 3;
+  h->nodes = 1603;
+  h->max_gid = CMDB_MAX_GID;
+  h->sql = 85;
+  *reinterpret_cast<uint32_t*>(static_cast<char*>(debug_zone) + DZ_DOMAIN_SLOTS) = 17;
+  cmdb.cmdb_global_rw = header_base;
+  cmdb.header = h;
+  cmdb.stat_global = static_cast<char*>(header_base) + CMDB_HEADER_STAT_GLOBAL;
+  cmdb.debug_zone = debug_zone;
+  nCfg_debug_zone = debug_zone;
+}
+
+MiniRegion::~MiniRegion() {
+  cmdb.cmdb_global_rw = nullptr;
+  cmdb.header = nullptr;
+  cmdb.stat_global = nullptr;
+  cmdb.debug_zone = nullptr;
+  nCfg_debug_zone = nullptr;
+  ::munmap(header_base, CMDB_GLOBAL_RW_SIZE);
+  ::munmap(debug_zone, debug_zone_len);
+}
+
+}  // namespace gk::test
+
+// The test binaries are the host here: these replace the library's defaults.
+extern "C" {
+void do_message(const char* fmt, va_list ap) noexcept { gk::test::append_v(fmt, ap); }
+void message(const char* fmt, ...) noexcept {
+  va_list ap;
+  va_start(ap, fmt);
+  gk::test::append_v(fmt, ap);
+  va_end(ap);
+}
+void log_crash(const char* fmt, ...) noexcept {
+  va_list ap;
+  va_start(ap, fmt);
+  gk::test::g_log.append("[crash] ");
+  gk::test::append_v(fmt, ap);
+  va_end(ap);
+}
+void print_trace(int) noexcept { gk::test::g_log.append("[trace]\n"); }
+}

@@ -1,0 +1,54 @@
+// Helpers shared by the tests: log capture, child processes, a minimal region.
+#pragma once
+
+#include <signal.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+#include "gikraidrum.h"
+
+namespace gk::test {
+
+// Everything the library handed to do_message, message and log_crash since the
+// last clear, formatted. The test binary's own definitions of those platform
+// functions replace the library's defaults.
+std::string& captured_log();
+void clear_log();
+int count_occurrences(const std::string& haystack, const std::string& needle);
+
+// Runs fn in a forked child and returns its exit status, or 128 + the signal
+// that ended it. The child reports through its exit code, never gtest asserts.
+int run_child(const std::function<int()>& fn);
+pid_t start_child(const std::function<int()>& fn);
+int wait_child(pid_t pid);
+
+// A one-byte pipe for handing "ready" between processes.
+struct Signal {
+  int fd[2];
+  Signal();
+  ~Signal();
+  void post();
+  bool wait(int timeout_ms = 5000);
+};
+
+// Standard output of fn, captured through a pipe.
+std::string capture_stdout(const std::function<void()>& fn);
+
+// The header and debug zone as creation lays them out, mapped into this process
+// the way an attached process has them (cmdb.header, cmdb.debug_zone,
+// nCfg_debug_zone). Domain capacity 16. Unmaps and clears the fields at the end.
+struct MiniRegion {
+  MiniRegion();
+  ~MiniRegion();
+  MiniRegion(const MiniRegion&) = delete;
+  MiniRegion& operator=(const MiniRegion&) = delete;
+  void* header_base = nullptr;
+  void* debug_zone = nullptr;
+  size_t debug_zone_len = 0;
+};
+
+}  // namespace gk::test

@@ -1,0 +1,22 @@
+// The library log: one threshold in the shared header governs every process.
+#include <stdarg.h>
+#include <stdio.h>
+
+#include <atomic>
+
+#include "gikraidrum.h"
+
+extern "C" GK_API void dbg_cmdb(uint32_t level, const char* fmt, ...) noexcept {
+  if (cmdb_header_t* h = cmdb.header; h != nullptr) {
+    // Any process may change the level at any moment; the read is one word load.
+    uint32_t threshold = std::atomic_ref<uint32_t>(h->log_level).load(std::memory_order_relaxed);
+    if (threshold < level) return;
+  }
+  va_list ap;
+  va_start(ap, fmt);
+  if (cmdb.flags & CMDB_FLAG_DEBUG)
+    vprintf(fmt, ap);
+  else
+    do_message(fmt, ap);
+  va_end(ap);
+}
