@@ -91,4 +91,33 @@ TEST(AllocProcessTest, ReaderFollowsTheOwner) {
   ::munmap(box, sizeof(Mailbox));
 }
 
+TEST(AllocProcessTest, ReaderThatCannotRemapTheTableRecoversLater) {
+  AllocRegion region;
+  uint32_t id = 0;
+  gk::test::Signal to_reader, to_owner;
+  auto* box = static_cast<Mailbox*>(
+      ::mmap(nullptr, sizeof(Mailbox), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+  ASSERT_NE(MAP_FAILED, box);
+  pid_t pid = gk::test::start_child([&]() -> int {
+    CHILD_CHECK(AllocRegion::attach_reader());
+    to_owner.post();
+    CHILD_CHECK(to_reader.wait());
+    // The grown table is out of reach for a moment: no dangling base is kept.
+    CHILD_CHECK(::rename("/dev/cmdb/page", "/dev/cmdb/page.away") == 0);
+    CHILD_CHECK(cmf_ptr_from_shmid(box->d, 0) == nullptr);
+    CHILD_CHECK(cmdb.page == nullptr && cmdb.page_map_len == 0);
+    CHILD_CHECK(cmf_ptr_from_shmid(CMF_SHMID(1, CMF_SHMID_LARGE), 0) == nullptr);
+    CHILD_CHECK(::rename("/dev/cmdb/page.away", "/dev/cmdb/page") == 0);
+    CHILD_CHECK(filled(cmf_ptr_from_shmid(box->d, 0), 0x0D, 16384));
+    CHILD_CHECK(cmdb.page_map_len == 1032);
+    return 0;
+  });
+  ASSERT_TRUE(to_owner.wait());
+  while (AllocRegion::table()->page_cnt < 69) ASSERT_NE(nullptr, cmf_shm_alloc(16384, &id));
+  memset(cmf_shm_alloc(16384, &box->d), 0x0D, 16384);
+  to_reader.post();
+  EXPECT_EQ(0, gk::test::wait_child(pid));
+  ::munmap(box, sizeof(Mailbox));
+}
+
 }  // namespace

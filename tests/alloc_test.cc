@@ -154,8 +154,10 @@ TEST(AllocTest, ReleasedPageNumberIsReusedWithAFreshFile) {
 
 TEST(AllocTest, TableGrowsBySixtyFourSlots) {
   AllocRegion region;
+  cmdb.page_map_len = 0;  // a mapping recorded without its length counts as the table's
   uint32_t id = 0;
   for (int i = 1; i <= 63; ++i) ASSERT_NE(nullptr, cmf_shm_alloc(16384, &id));
+  EXPECT_EQ(520, cmdb.page_map_len);
   EXPECT_EQ(520, file_size("page"));
   ASSERT_NE(nullptr, cmf_shm_alloc(16384, &id));
   EXPECT_EQ(CMF_SHMID(64, CMF_SHMID_LARGE), id);
@@ -207,6 +209,12 @@ TEST(AllocTest, ListedPageWithoutItsFileEndsTheProcess) {
   AllocRegion region;
   uint32_t id = 0;
   ASSERT_NE(nullptr, cmf_shm_alloc(20, &id));
+  // Without the cache table a slab block has no layout to be found by.
+  EXPECT_EQ(128 + SIGABRT, gk::test::run_child([id] {
+    cmdb.slab_caches = nullptr;
+    cmf_ptr_from_shmid(id, 0);
+    return 0;
+  }));
   ASSERT_EQ(0, cmdb_shm_remove("1"));
   EXPECT_EQ(128 + SIGABRT, gk::test::run_child([id] {
     alloc::page_map_init(nullptr);
