@@ -82,6 +82,7 @@ TEST_F(LockTest, WriterWaitsForReaderOfAnotherProcess) {
   ASSERT_TRUE(held.wait());
   EXPECT_EQ(kFull - 1, cmf_shm_lock_val());
   pid_t writer = start_child([&] {
+    ::alarm(5);
     cmf_shm_write_lock();
     got.post();
     if (!done.wait()) return 2;
@@ -111,7 +112,7 @@ TEST_F(LockTest, KilledHolderReleasesEveryLock) {
     pid_t holder = start_child([&]() -> int { c.lock(); held.post(); for (;;) ::pause(); });
     ASSERT_TRUE(held.wait());
     EXPECT_EQ(c.held, val(*c.id));
-    pid_t waiter = start_child([&] { c.wait(); return 0; });
+    pid_t waiter = start_child([&] { ::alarm(5); c.wait(); return 0; });
     ASSERT_TRUE(wait_for_waiter(*c.id));
     ::kill(holder, SIGKILL);
     EXPECT_EQ(128 + SIGKILL, wait_child(holder));
