@@ -80,16 +80,44 @@ bool Signal::wait(int timeout_ms) {
   return ::read(fd[0], &c, 1) == 1;
 }
 
-std::string capture_stdout(const std::function<void()>& fn) {
-  fflush(stdout);
+Holder::Holder(const std::function<void()>& take, const std::function<void()>& give) {
+  pid = start_child([&] {
+    ::alarm(10);
+    take();
+    took_.post();
+    go_.wait(-1);
+    give();
+    return 0;
+  });
+}
+Holder::~Holder() {
+  if (pid > 0) kill();
+}
+int Holder::finish() {
+  go_.post();
+  return reap();
+}
+int Holder::kill() {
+  ::kill(pid, SIGKILL);
+  return reap();
+}
+int Holder::reap() {
+  int status = wait_child(pid);
+  pid = -1;
+  return status;
+}
+
+namespace {
+std::string capture_fd(int fd, FILE* stream, const std::function<void()>& fn) {
+  fflush(stream);
   int p[2];
   if (::pipe(p) != 0) abort();
-  int saved = ::dup(1);
-  ::dup2(p[1], 1);
+  int saved = ::dup(fd);
+  ::dup2(p[1], fd);
   ::close(p[1]);
   fn();
-  fflush(stdout);
-  ::dup2(saved, 1);
+  fflush(stream);
+  ::dup2(saved, fd);
   ::close(saved);
   std::string out;
   char buf[4096];
@@ -98,6 +126,10 @@ std::string capture_stdout(const std::function<void()>& fn) {
   ::close(p[0]);
   return out;
 }
+}  // namespace
+
+std::string capture_stdout(const std::function<void()>& fn) { return capture_fd(1, stdout, fn); }
+std::string capture_stderr(const std::function<void()>& fn) { return capture_fd(2, stderr, fn); }
 
 MiniRegion::MiniRegion() {
   header_base = map_new_file("/dev/cmdb/cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);
