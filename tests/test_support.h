@@ -35,8 +35,9 @@ struct Signal {
   bool wait(int timeout_ms = 5000);
 };
 
-// Standard output of fn, captured through a pipe.
+// What fn writes to standard output (or standard error), captured through a pipe.
 std::string capture_stdout(const std::function<void()>& fn);
+std::string capture_stderr(const std::function<void()>& fn);
 
 // The header and debug zone as creation lays them out, mapped into this process
 // the way an attached process has them (cmdb.header, cmdb.debug_zone,
