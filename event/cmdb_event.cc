@@ -27,8 +27,8 @@ struct ActRow {
 };
 // Which act announces which class; every act not listed announces nothing.
 constexpr ActRow kActRows[] = {
-    {1, {0x01, kSecondBlock, -3}}, {2, {0x02, kBothBlocks, -4}},   {19, {0x02, kBothBlocks, -4}},
-    {11, {0x04, kFirstBlock, -5}}, {13, {0x08, kSecondBlock, -6}}, {14, {0x08, kSecondBlock, -6}},
+    {1, {0x01, kSecondBlock, -3}},  {2, {0x02, kBothBlocks, -4}},   {19, {0x02, kBothBlocks, -4}},
+    {11, {0x04, kFirstBlock, -5}},  {13, {0x08, kSecondBlock, -6}}, {14, {0x08, kSecondBlock, -6}},
     {15, {0x08, kSecondBlock, -6}}, {16, {0x08, kSecondBlock, -6}}, {17, {0x08, kSecondBlock, -6}},
     {12, {0x10, kNoBlock, 0}},      {27, {0x20, kSecondBlock, -6}},
 };
@@ -98,8 +98,8 @@ size_t socket_path(char* path, const char* process) {
 int sendto_daemon(const char* process, uint16_t gid, uint8_t cls, const void* data1, const void* data2,
                   uint32_t size, const void* desc) {
   const pid_t pid = util::self_pid();
-  dbg_cmdb_event(0, "%d:%s process=[%s],act=[%d],size=[%d], obj_gid=[%d]\n", pid, "sendto_daemon", process, cls,
-                 static_cast<int>(size), gid);
+  dbg_cmdb_event(0, "%d:%s process=[%s],act=[%d],size=[%d], obj_gid=[%d]\n", pid, "sendto_daemon", process,
+                 cls, static_cast<int>(size), gid);
   util::UniqueFd sock(::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!sock.valid()) {
     dbg_cmdb_event(0, "%d:%s %s:%d: Can not open socket\n", pid, "sendto_daemon", "cmdb_event", 168);
@@ -153,13 +153,17 @@ extern "C" {
 
 GK_API int cmdb_strempty(const char* s) noexcept { return s == nullptr || s[0] == '\0' ? 1 : 0; }
 
+// A null name reads as the empty one: hosts pass names straight from their own configuration.
 GK_API char* cmdb_strcpy(char* dst, const char* src) noexcept {
-  strncpy(dst, src, event::kNameBytes);
+  if (dst == nullptr) return nullptr;
+  strncpy(dst, src != nullptr ? src : "", event::kNameBytes);
   dst[event::kNameBytes - 1] = '\0';
   return dst;
 }
 
-GK_API int cmdb_strcmp(const char* a, const char* b) noexcept { return strncmp(a, b, event::kNameBytes); }
+GK_API int cmdb_strcmp(const char* a, const char* b) noexcept {
+  return strncmp(a != nullptr ? a : "", b != nullptr ? b : "", event::kNameBytes);
+}
 
 GK_API void dbg_cmdb_event(int level, const char* fmt, ...) noexcept {
   void* dz = nCfg_debug_zone;
@@ -315,7 +319,8 @@ int call_daemon_locked(uint16_t gid, uint8_t act, const void* data1, const void*
 
   const event::ActClass c = event::class_of_act(act);
   if (c.cls == 0) return 0;
-  if (((c.blocks & event::kFirstBlock) && data1 == nullptr) || ((c.blocks & event::kSecondBlock) && data2 == nullptr))
+  if (((c.blocks & event::kFirstBlock) && data1 == nullptr) ||
+      ((c.blocks & event::kSecondBlock) && data2 == nullptr))
     return c.missing;
   // Objects and tables hand over their whole data part; an attribute its value only.
   const size_t skip = (node->kind == 2 || node->kind == 3 || node->kind == 4) ? 0 : node->offset;

@@ -21,8 +21,8 @@ constexpr int kHandlersPerGid = 4;
 constexpr uint32_t kHeaderBytes = sizeof(cmdb_event_msg_t);
 
 struct HandlerSlot {
-  uint8_t act;    // classes this handler wants
-  uint8_t flags;  // as registered
+  uint8_t act;                 // classes this handler wants
+  uint8_t flags;               // as registered
   cmdb_event_handler handler;  // null: free
 };
 // One gid's handlers; used entries come first, obj 0 ends the list.
@@ -36,10 +36,7 @@ int g_event_sockfd = -1;
 EventCb g_event_cb[kEventCbs];
 
 void set_process(const char* process) {
-  if (process != nullptr)
-    cmdb_strcpy(g_event_process, process);
-  else
-    g_event_process[0] = '\0';
+  cmdb_strcpy(g_event_process, process);
   memset(g_event_cb, 0, sizeof g_event_cb);
 }
 
@@ -108,7 +105,8 @@ GK_API int cmdb_event_init(const char* process, int nonblock) noexcept {
   return result;
 }
 
-GK_API int register_cmdb_event(uint16_t gid, uint8_t act, uint8_t flags, cmdb_event_handler handler) noexcept {
+GK_API int register_cmdb_event(uint16_t gid, uint8_t act, uint8_t flags,
+                               cmdb_event_handler handler) noexcept {
   if (gid == 0 || g_event_process[0] == '\0' || handler == nullptr) return 0;
   const pid_t pid = util::self_pid();
   event::EventCb* ecb = nullptr;
@@ -150,7 +148,8 @@ GK_API void unregister_cmdb_event(uint16_t gid, cmdb_event_handler handler) noex
   int e = 0;
   for (; e < event::kEventCbs; ++e) {
     if (g_event_cb[e].obj == 0) {
-      dbg_cmdb_event(0, "%d:%s 1: Fail to find event for gid %d\n", util::self_pid(), "unregister_cmdb_event", gid);
+      dbg_cmdb_event(0, "%d:%s 1: Fail to find event for gid %d\n", util::self_pid(), "unregister_cmdb_event",
+                     gid);
       return;
     }
     if (g_event_cb[e].obj == gid) break;
@@ -160,7 +159,8 @@ GK_API void unregister_cmdb_event(uint16_t gid, cmdb_event_handler handler) noex
   int h = 0;
   while (h < event::kHandlersPerGid && ecb.handlers[h].handler != handler) ++h;
   if (h == event::kHandlersPerGid) return;
-  memmove(&ecb.handlers[h], &ecb.handlers[h + 1], sizeof(event::HandlerSlot) * (event::kHandlersPerGid - 1 - h));
+  memmove(&ecb.handlers[h], &ecb.handlers[h + 1],
+          sizeof(event::HandlerSlot) * (event::kHandlersPerGid - 1 - h));
   ecb.handlers[event::kHandlersPerGid - 1] = {};
   cmdb_unregister_event(g_event_process, gid);
   if (h == 0) {  // the first handler takes the whole entry with it
@@ -183,7 +183,8 @@ GK_API int do_cmdb_event_handling(void) noexcept {
       (total > event::kTrustedMessageBytes &&
        event::recv_retry(fd, &head, sizeof head, MSG_PEEK | MSG_TRUNC) != static_cast<ssize_t>(total))) {
     ssize_t real = event::discard_datagram(fd);
-    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(real), static_cast<int>(total));
+    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(real),
+                   static_cast<int>(total));
     return -1;
   }
   auto* msg = static_cast<cmdb_event_msg_t*>(malloc(total));
@@ -194,11 +195,13 @@ GK_API int do_cmdb_event_handling(void) noexcept {
   // MSG_TRUNC makes a longer datagram than announced show its real length.
   ssize_t got = event::recv_retry(fd, msg, total, MSG_TRUNC);
   if (got != static_cast<ssize_t>(total)) {
-    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(got), static_cast<int>(total));
+    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(got),
+                   static_cast<int>(total));
     free(msg);
     return -1;
   }
-  const uint64_t blocks = (msg->data1 != 0 ? uint64_t{msg->data_size} : 0) + (msg->data2 != 0 ? uint64_t{msg->data_size} : 0);
+  const uint64_t blocks =
+      (msg->data1 != 0 ? uint64_t{msg->data_size} : 0) + (msg->data2 != 0 ? uint64_t{msg->data_size} : 0);
   if (event::kHeaderBytes + blocks > total) {
     dbg_cmdb_event(0, "%d:%s bad message: data_size=[%d], total_size=[%d]\n", pid, kFn,
                    static_cast<int>(msg->data_size), static_cast<int>(total));
@@ -250,8 +253,8 @@ GK_API void cmdb_event_cleanup(void) noexcept {
       if (e.obj == 0) break;
       cmdb_unregister_event(g_event_process, e.obj);
     }
-  dbg_cmdb_event(0, "%d:%s enter cmdb_event_cleanup, event_process=%s\n", util::self_pid(), "cmdb_event_cleanup",
-                 g_event_process);
+  dbg_cmdb_event(0, "%d:%s enter cmdb_event_cleanup, event_process=%s\n", util::self_pid(),
+                 "cmdb_event_cleanup", g_event_process);
   g_event_process[0] = '\0';
   if (g_event_sockfd >= 0) ::close(g_event_sockfd);
   g_event_sockfd = -1;

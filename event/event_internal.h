@@ -17,8 +17,8 @@ inline constexpr uint8_t kClassReload = 0x40;
 enum Block : uint8_t { kNoBlock = 0, kFirstBlock = 1, kSecondBlock = 2, kBothBlocks = 3 };
 struct ActClass {
   uint8_t cls;
-  uint8_t blocks;   // Block bits
-  int8_t missing;   // result when a needed block is missing
+  uint8_t blocks;  // Block bits
+  int8_t missing;  // result when a needed block is missing
 };
 ActClass class_of_act(uint8_t act);
 

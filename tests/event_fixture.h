@@ -2,15 +2,28 @@
 // debug zone and header (MiniRegion), the event lock file, and node records.
 #pragma once
 
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <initializer_list>
+#include <string>
 
 #include "tests/node_fixture.h"
 #include "tests/test_support.h"
 
 namespace gk::test {
+
+inline std::string strf(const char* fmt, auto... args) {
+  char buf[512];
+  snprintf(buf, sizeof buf, fmt, args...);
+  return buf;
+}
+// A log line of this process: the events subsystem starts each with "<pid>:".
+inline std::string pid_line(const char* fmt, auto... args) {
+  return strf("%d:", getpid()) + strf(fmt, args...);
+}
 
 class EventRegion {
  public:

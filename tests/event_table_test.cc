@@ -11,16 +11,12 @@
 namespace {
 using gk::test::captured_log;
 using gk::test::EventRegion;
-
-std::string fmt(const char* f, auto... args) {
-  char buf[512];
-  snprintf(buf, sizeof buf, f, args...);
-  return buf;
-}
+using gk::test::pid_line;
+using gk::test::strf;
 
 std::string reg_line(const char* process, int gid) {
-  return fmt("%d:_cmdb_register_event register: %s process=[%s],obj_gid=[%d]\n", getpid(), program_invocation_short_name,
-             process, gid);
+  return pid_line("_cmdb_register_event register: %s process=[%s],obj_gid=[%d]\n",
+                  program_invocation_short_name, process, gid);
 }
 
 TEST(EventTableTest, RecordsSortedSlotsReplacedSeventeenthRefused) {
@@ -38,13 +34,15 @@ TEST(EventTableTest, RecordsSortedSlotsReplacedSeventeenthRefused) {
   EXPECT_EQ(0, cmdb_strempty(r7.procs[0].process));
   EXPECT_EQ(1, cmdb_strempty(r7.procs[1].process));
 
-  for (int i = 1; i < CMDB_EVENT_PROCS; ++i) ASSERT_EQ(0, cmdb_register_event(fmt("p%02d", i).c_str(), 7, 1, 0));
+  for (int i = 1; i < CMDB_EVENT_PROCS; ++i)
+    ASSERT_EQ(0, cmdb_register_event(strf("p%02d", i).c_str(), 7, 1, 0));
   cmdb_event_entry_t before = r7;
   gk::test::clear_log();
   EXPECT_EQ(-1, cmdb_register_event("p16", 7, 1, 0));
   EXPECT_EQ(0, memcmp(&before, &r7, sizeof before));
-  EXPECT_EQ(reg_line("p16", 7) + fmt("%d:cmdb_event_entry_act add process 16:p16 on event for 7 fail!\n", getpid()),
-            captured_log());
+  EXPECT_EQ(
+      reg_line("p16", 7) + pid_line("cmdb_event_entry_act add process 16:p16 on event for %d fail!\n", 7),
+      captured_log());
 
   // Names count with their first 19 characters only.
   ASSERT_EQ(0, cmdb_register_event("abcdefghijklmnopqrsTUVWXY", 9, 0x01, 0));
@@ -57,7 +55,8 @@ TEST(EventTableTest, RecordsSortedSlotsReplacedSeventeenthRefused) {
 
 TEST(EventTableTest, HundredTwentyNinthGidRefused) {
   EventRegion ev({});
-  for (int g = CMDB_EVENT_MAX; g >= 1; --g) ASSERT_EQ(0, cmdb_register_event("d", static_cast<uint16_t>(g), 1, 0));
+  for (int g = CMDB_EVENT_MAX; g >= 1; --g)
+    ASSERT_EQ(0, cmdb_register_event("d", static_cast<uint16_t>(g), 1, 0));
   gk::test::clear_log();
   EXPECT_EQ(-1, cmdb_register_event("d", 1000, 1, 0));
   EXPECT_EQ("cmdb event full 128\n", captured_log());
@@ -110,8 +109,8 @@ TEST(EventTableTest, IgnoredInputsAndUnmappedTable) {
   cmdb_event_entry_t buf{};
   EXPECT_EQ(-1, cmdb_event_entry_act(5, 1, &buf));
   const char* prog = program_invocation_short_name;
-  EXPECT_EQ(fmt("Error, cmdb_event, _cmdb_register_event, 366! pid=%d, %s\n", getpid(), prog) +
-                fmt("Error, cmdb_event, _cmdb_unregister_event, 388! pid=%d, %s\n", getpid(), prog),
+  EXPECT_EQ(strf("Error, cmdb_event, _cmdb_register_event, 366! pid=%d, %s\n", getpid(), prog) +
+                strf("Error, cmdb_event, _cmdb_unregister_event, 388! pid=%d, %s\n", getpid(), prog),
             captured_log());
   cmdb.cmdb_event = ev.table;
 }
@@ -126,11 +125,12 @@ TEST(EventTableTest, ConcurrentWritersKeepTheTableSorted) {
     kids.push_back(gk::test::start_child([w, &go] {
       char c;
       if (::read(go[0], &c, 1) != 1) return 9;
-      std::string name = fmt("w%d", w);
+      std::string name = strf("w%d", w);
       for (int round = 0; round < kRounds; ++round)
         for (int i = 0; i < kGidsEach; ++i) {
           // Interleaved gids, and a record that comes and goes, move the others' records under them.
-          if (cmdb_register_event(name.c_str(), static_cast<uint16_t>(1 + i * kWriters + w), 1, 0) != 0) return 1;
+          if (cmdb_register_event(name.c_str(), static_cast<uint16_t>(1 + i * kWriters + w), 1, 0) != 0)
+            return 1;
           if (cmdb_register_event(name.c_str(), 1500, 2, 0) != 0) return 2;
           if (cmdb_register_event(name.c_str(), static_cast<uint16_t>(1000 + w), 2, 0) != 0) return 3;
           if (cmdb_unregister_event(name.c_str(), static_cast<uint16_t>(1000 + w)) != 0) return 4;

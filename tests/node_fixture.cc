@@ -2,9 +2,10 @@
 
 #include <fcntl.h>
 #include <stdlib.h>
-#include <string>
 #include <sys/mman.h>
 #include <unistd.h>
+
+#include <string>
 
 namespace gk::test {
 namespace {
@@ -23,7 +24,8 @@ void* map_region_file(const char* name, size_t len) {
 }
 
 NodeTable::NodeTable(std::initializer_list<NodeSpec> nodes)
-    : index_(map_region_file("cmdb_node_index", kIndexBytes)), nodes_(map_region_file("cmdb_node", kNodeBytes)) {
+    : index_(map_region_file("cmdb_node_index", kIndexBytes)),
+      nodes_(map_region_file("cmdb_node", kNodeBytes)) {
   uint32_t off = 8;
   for (const NodeSpec& s : nodes) {
     bool has_defaults = s.kind == 2 || s.kind == 3 || s.kind == 4 || s.kind == 8;

@@ -54,8 +54,10 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   int32_t level = 1;
   memcpy(g_debug_zone + DZ_EVENT_LOG_LEVEL, &level, sizeof level);
   event::adopt_receiver_socket("fuzz", g_rx);
-  if (register_cmdb_event(1, 0x01, 0, check_handler) != 0 || register_cmdb_event(42, 0x7F, 1, check_handler) != 0 ||
-      register_cmdb_event(42, 0x02, 0, other_handler) != 0 || register_cmdb_event(0xFFFF, 0x40, 0, check_handler) != 0)
+  if (register_cmdb_event(1, 0x01, 0, check_handler) != 0 ||
+      register_cmdb_event(42, 0x7F, 1, check_handler) != 0 ||
+      register_cmdb_event(42, 0x02, 0, other_handler) != 0 ||
+      register_cmdb_event(0xFFFF, 0x40, 0, check_handler) != 0)
     abort();
   return 0;
 }
