@@ -20,7 +20,7 @@ using gk::test::pid_line;
 
 // gid 42: a 4-byte attribute at offset 8; gids 60 to 62 (kinds 2, 3, 4) send
 // their whole 6-byte data part; gid 70 stops the daemons.
-constexpr std::initializer_list<gk::test::NodeSpec> kNodes = {
+constexpr std::initializer_list<gk::test::NodeDef> kNodes = {
     {42, 5, 0, 4, 8}, {60, 2, 0, 6, 3}, {61, 3, 0, 6, 3}, {62, 4, 0, 6, 3}, {70, 5, 0, 1, 0}};
 
 // A receiver bound where the sender looks for `name`, read raw.

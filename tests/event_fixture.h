@@ -27,7 +27,7 @@ inline std::string pid_line(const char* fmt, auto... args) {
 
 class EventRegion {
  public:
-  explicit EventRegion(std::initializer_list<NodeSpec> nodes) : nodes_(nodes) {
+  explicit EventRegion(std::initializer_list<NodeDef> nodes) : nodes_(nodes) {
     table = static_cast<cmdb_event_table_t*>(map_region_file("cmdb_event", kEventBytes));
     cmdb.cmdb_event = table;
     if (cmdb_create_lock() != 0 || cmf_lock_init() != 0) abort();

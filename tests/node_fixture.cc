@@ -23,11 +23,11 @@ void* map_region_file(const char* name, size_t len) {
   return p;
 }
 
-NodeTable::NodeTable(std::initializer_list<NodeSpec> nodes)
+NodeTable::NodeTable(std::initializer_list<NodeDef> nodes)
     : index_(map_region_file("cmdb_node_index", kIndexBytes)),
       nodes_(map_region_file("cmdb_node", kNodeBytes)) {
   uint32_t off = 8;
-  for (const NodeSpec& s : nodes) {
+  for (const NodeDef& s : nodes) {
     bool has_defaults = s.kind == 2 || s.kind == 3 || s.kind == 4 || s.kind == 8;
     uint32_t len = (sizeof(cmdb_node_t) + (has_defaults ? s.size : 0) + 3) & ~3u;
     if (s.gid == 0 || s.gid > 1860 || off + len > kNodeBytes) abort();

@@ -11,7 +11,7 @@
 
 namespace gk::test {
 
-struct NodeSpec {
+struct NodeDef {
   uint16_t gid;
   uint8_t kind;
   uint8_t type;
@@ -22,7 +22,7 @@ struct NodeSpec {
 class NodeTable {
  public:
   // Records follow one another from a non-zero offset (0 in the index means no node).
-  explicit NodeTable(std::initializer_list<NodeSpec> nodes);
+  explicit NodeTable(std::initializer_list<NodeDef> nodes);
   ~NodeTable();
   NodeTable(const NodeTable&) = delete;
   NodeTable& operator=(const NodeTable&) = delete;
