@@ -25,4 +25,16 @@ using DescVisitor = int (*)(cmdb_node_desc_t* desc, int index, uintptr_t parent_
 // null descriptor or visitor.
 int walk_descriptors(cmdb_node_desc_t* desc, DescVisitor visitor, void* ctx);
 
+// Table size limits. One lookup over size_table serves the four exported
+// getters; kind 0 entry group, 1 size, 2 total, 3 warning threshold. -1 for a
+// platform index above 29 (as unsigned) or an unknown kind (logged); a gid
+// without a row gets 0, 256, 256, 0. Only the low 16 bits of gid count.
+int __cmdb_get_table_size(uint32_t gid, int platform, int kind);
+
+// Appends the limits of table `gid` on `platform` (tcnt 0) to a table-limits
+// block the creating process is filling; 0, or -1 when the block is full (or null).
+int table_limits_append(cmdb_table_limits_t* limits, uint32_t gid, uint32_t platform);
+// Sorts the block by gid, as the getters' halving search expects.
+void table_limits_sort(cmdb_table_limits_t* limits);
+
 }  // namespace tree
