@@ -1,6 +1,7 @@
 // The configuration tree's interface to the other subsystems.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include "gikraidrum.h"
@@ -9,11 +10,22 @@ namespace tree {
 
 // Node of a gid through cmdb_node_index, or null (gid 0, above 1860, no slot,
 // or a record whose own gid differs). Only the low 16 bits of gid count.
+// Gid 1861 has no slot: the index is 1861 words long and is never read past.
+// A record that would reach past the mapping of cmdb_node is no node either.
 const cmdb_node_t* find_node(uint32_t gid);
+
+// The record at `offset` in cmdb_node (a parent or child link), or null for
+// offset 0 or a record that would reach past the mapping.
+const cmdb_node_t* node_at(uint32_t offset);
 
 // Typed comparison: types 2, 5 and 13 in version order, others as unsigned
 // little-endian integers of `size` bytes. <0, 0, >0.
 int compare_typed(const void* a, const void* b, int type, int size);
+
+// True for the string types (2, 5 and 13).
+constexpr bool is_string_type(int type) { return type >= 0 && type < 14 && ((0x2024 >> type) & 1) != 0; }
+static_assert(is_string_type(2) && is_string_type(5) && is_string_type(13) && !is_string_type(12) &&
+              !is_string_type(14) && !is_string_type(-1));
 
 // Descriptor walk. The visitor gets the descriptor, its index among its parent's
 // children, the value it produced for the parent, and a place for this
@@ -24,6 +36,11 @@ using DescVisitor = int (*)(cmdb_node_desc_t* desc, int index, uintptr_t parent_
 // Walks `desc` as a top-level descriptor (index 0, parent value 0); -1 for a
 // null descriptor or visitor.
 int walk_descriptors(cmdb_node_desc_t* desc, DescVisitor visitor, void* ctx);
+
+// Bytes from `base` to the end of the mapping that holds it, read from the
+// kernel's map list; SIZE_MAX when that list cannot be read, 0 when nothing is
+// mapped at base. A system call: for bounding shared data, not for hot paths.
+size_t mapped_bytes_from(const void* base);
 
 // Table size limits. One lookup over size_table serves the four exported
 // getters; kind 0 entry group, 1 size, 2 total, 3 warning threshold. -1 for a
