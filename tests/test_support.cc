@@ -119,16 +119,17 @@ bool Signal::wait(int timeout_ms) {
   return ::read(fd[0], &c, 1) == 1;
 }
 
-std::string capture_stdout(const std::function<void()>& fn) {
-  fflush(stdout);
+namespace {
+std::string capture_fd(int fd, FILE* stream, const std::function<void()>& fn) {
+  fflush(stream);
   int p[2];
   if (::pipe(p) != 0) abort();
-  int saved = ::dup(1);
-  ::dup2(p[1], 1);
+  int saved = ::dup(fd);
+  ::dup2(p[1], fd);
   ::close(p[1]);
   fn();
-  fflush(stdout);
-  ::dup2(saved, 1);
+  fflush(stream);
+  ::dup2(saved, fd);
   ::close(saved);
   std::string out;
   char buf[4096];
@@ -137,6 +138,10 @@ std::string capture_stdout(const std::function<void()>& fn) {
   ::close(p[0]);
   return out;
 }
+}  // namespace
+
+std::string capture_stdout(const std::function<void()>& fn) { return capture_fd(1, stdout, fn); }
+std::string capture_stderr(const std::function<void()>& fn) { return capture_fd(2, stderr, fn); }
 
 MiniRegion::MiniRegion() {
   header_base = map_new_file("/dev/cmdb/cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);

@@ -36,8 +36,9 @@ struct Signal {
   bool wait(int timeout_ms = 5000);
 };
 
-// Standard output of fn, captured through a pipe.
+// What fn writes to standard output (or standard error), captured through a pipe.
 std::string capture_stdout(const std::function<void()>& fn);
+std::string capture_stderr(const std::function<void()>& fn);
 
 // Length of a file, or -1 when it is missing; its bytes (empty when missing).
 long file_size(const std::string& path);
