@@ -1,4 +1,5 @@
 // Region lifecycle: creation from a schema, attach modes, detach, removal.
+#include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
@@ -77,9 +78,9 @@ TEST_F(RegionTest, CreationLaysOutEverySubRegion) {
   struct { const char* name; long len; } fixed[] = {
       {"cmdb_node", 24 + SampleSchema::kNodeSize}, {"cmdb_sql_node", 11220}, {"cmdb_datasource", 1314},
       {"cmdb_node_index", 7444}, {"page", 520}, {"cmdb_global", 38216}, {"cmdb_global_rw", 32840},
-      {"cmdb_event", 49800}, {"devices", 11332}, {"admin_login_status", 16}, {"daemon_status", -1}};
+      {"cmdb_event", 49800}, {"devices", 11332}, {"admin_login_status", 16}, {"daemon_status", 104}};
   for (const auto& f : fixed) EXPECT_EQ(f.len, file_size(kDir + f.name)) << f.name;
-  for (const char* zeroed : {"cmdb_event", "devices", "admin_login_status", "domain"}) {
+  for (const char* zeroed : {"cmdb_event", "devices", "admin_login_status", "domain", "daemon_status"}) {
     auto bytes = gk::test::read_file(kDir + zeroed);
     EXPECT_TRUE(all_zero(bytes.data(), bytes.size())) << zeroed;
   }
@@ -334,12 +335,11 @@ TEST_F(RegionTest, InitProcessMapsDaemonStatusForEachAccess) {
 }
 
 TEST_F(RegionTest, DestroyRemovesTheFourteenFiles) {
-  ASSERT_EQ(0, cmf_shm_create_init());
   SampleSchema s;
   ASSERT_EQ(0, create(s, 3));
   ASSERT_EQ(0, cmf_shm_destroy());
   std::set<std::string> left;
-  for (const std::string& name : {"daemon_status", "page", "cmdb_node", "debug_zone", "admin_login_status", "1"})
+  for (const char* name : {"daemon_status", "page", "cmdb_node", "debug_zone", "admin_login_status", "1"})
     if (file_size(kDir + name) >= 0) left.insert(name);
   EXPECT_EQ((std::set<std::string>{"daemon_status", "1"}), left);
   gk::test::clear_log();

@@ -113,6 +113,7 @@ SampleSchema::SampleSchema() {
 }
 
 int create_region(SampleSchema& schema, uint32_t platform) {
+  if (int r = cmf_shm_create_init(); r != 0) return r;
   cmdb.platform = platform;
   cmdb.schema = schema.root();
   cmdb.service_table = schema.service_table;

@@ -71,8 +71,9 @@ class SampleSchema : public SchemaBuilder {
   cmdb_node_desc_t* system = nullptr;   // the kind-8 node, whose defaults stay set
 };
 
-// Fills the host's fields of `cmdb` (platform, schema, service table, total)
-// from `schema` and runs cmf_shm_create; its result.
+// Lays out a whole region as a booted system has it: `daemon_status` from the
+// init process (cmf_shm_create_init), then the rest from `schema` after filling
+// the host's fields of `cmdb`. The first failing result, or 0.
 int create_region(SampleSchema& schema, uint32_t platform);
 
 }  // namespace gk::test

@@ -72,10 +72,11 @@ TEST_F(VarListTest, RefusesWhatIsNotTheGrowableList) {
 TEST_F(VarListTest, GrowthElsewhereIsSeenAfterUpdate) {
   // Entries of 100 bytes: 64 of them span two pages, so a remap may have to move.
   cmf_var_list_set_unit(cmdb.admin_login_status, 100);
-  gk::test::Signal grown, checked;
+  gk::test::Signal ready, grown;
   pid_t reader = gk::test::start_child([&] {
     cleanup_cmdb_app_core();
     if (init_cmdb_app_core(1) != 0) return 2;
+    ready.post();
     if (!grown.wait()) return 3;
     if (head()->capacity != 64 || mapped_length() != 4096) return 4;   // not yet remapped here
     if (cmf_var_list_update(&cmdb.admin_login_status) != 0) return 5;
@@ -86,14 +87,13 @@ TEST_F(VarListTest, GrowthElsewhereIsSeenAfterUpdate) {
     // A reader may grow it too (the var list is writable in every mode).
     head()->used = 64;
     if (cmf_var_list_alloc("admin_login_status") != 0 || head()->capacity != 128) return 8;
-    checked.post();
     return 0;
   });
+  ASSERT_TRUE(ready.wait());
   ASSERT_EQ(0, cmf_var_list_alloc("admin_login_status"));
   static_cast<uint8_t*>(cmdb.admin_login_status)[16 + 63 * 100] = 0x11;
   grown.post();
-  ASSERT_TRUE(checked.wait());
-  EXPECT_EQ(0, gk::test::wait_child(reader));
+  ASSERT_EQ(0, gk::test::wait_child(reader));
   EXPECT_EQ(0x22, static_cast<uint8_t*>(cmdb.admin_login_status)[16 + 63 * 100 + 99]);
   EXPECT_EQ(128u, head()->capacity);
   EXPECT_EQ(12816, file_size(kFile));
