@@ -224,6 +224,27 @@ TEST_F(RegionTest, NodeRecordsFollowTheDescriptors) {
   EXPECT_TRUE(all_zero(static_cast<uint8_t*>(cmdb.cmdb_datasource) + sizeof pairs, 1314 - sizeof pairs));
 }
 
+TEST_F(RegionTest, GidZeroNodesGetARecordButNoIndexSlot) {
+  SampleSchema s;
+  s.add_top(s.node("group", 0, 4, 0, 8, 0, {s.node("member", 140, 5, 1, 4, 0)}));
+  std::string summary;
+  ASSERT_EQ(0, create(s, 3, &summary));
+  // Both passes count the gid-0 record, so the node sub-region fits what was written.
+  const int node_size = SampleSchema::kNodeSize + 24 + 4 + 8 + 24;
+  EXPECT_EQ(24 + node_size, file_size(kDir + "cmdb_node"));
+  EXPECT_EQ("total_node=23 <= 1605, 432,4321, node_size=" + std::to_string(node_size) +
+                ", sql=85, ds=164, max_gid=1861\n",
+            summary);
+  ASSERT_EQ(0, init_cmdb_app_core(2));
+  auto* base = static_cast<const uint8_t*>(cmdb.cmdb_node);
+  uint32_t member = static_cast<const uint32_t*>(cmdb.cmdb_node_index)[140];
+  ASSERT_NE(0u, member);
+  cmdb_node_t group = node_at(base, node_at(base, member).parent);
+  EXPECT_EQ(0, group.gid);
+  EXPECT_EQ(4, group.kind);
+  EXPECT_EQ(member, u32(base + node_at(base, member).parent + 24));
+}
+
 // Writes one byte of a var list in a child attached in `mode`: 0, or the signal.
 int poke(int mode, void* cmdb_record_t::*field) {
   return gk::test::run_child([=] {
@@ -265,6 +286,7 @@ TEST_F(RegionTest, SecondInitChangesNothing) {
   SampleSchema s;
   ASSERT_EQ(0, create(s, 3));
   ASSERT_EQ(0, init_cmdb_app_core(1));
+  EXPECT_EQ(520, cmdb.page_map_len);
   cmdb_record_t before = cmdb;
   auto maps = gk::test::mappings_of(kDir);
   for (int mode : {0, 1, 2, 3, 5}) EXPECT_EQ(0, init_cmdb_app_core(mode));
@@ -332,6 +354,9 @@ TEST_F(RegionTest, InitProcessMapsDaemonStatusForEachAccess) {
   EXPECT_NE(std::string::npos, captured_log().find("stat: daemon_status, errno=2.\n"));
   EXPECT_NE(std::string::npos, captured_log().find("create file error"));
   EXPECT_EQ(-4, attach_cmfshm_for_init());
+  // The mapping the failed detach left is still this process's to release.
+  cleanup_cmdb_app_core();
+  EXPECT_TRUE(gk::test::mappings_of(kDir).empty());
 }
 
 TEST_F(RegionTest, DestroyRemovesTheFourteenFiles) {
