@@ -130,6 +130,8 @@ int creation_walk(uint8_t mask) {
       st.walk_mapped = false;
     });
   }
+  // The page-table fill builds a page map even when `page` then fails to map.
+  if (cmdb.page == nullptr && cmdb.page_maps != nullptr) alloc::page_map_release();
   return result;
 }
 

@@ -114,7 +114,6 @@ void forget_known_capacity();
 
 // Domain capacity D, set by cmf_shm_create before the walk.
 void set_domain_capacity(int32_t d);
-int32_t domain_capacity();
 
 // Fill functions, hooks and builders named in the table.
 int fill_page_table(const VarList& vl);

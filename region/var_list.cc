@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <memory>
 
 #include "alloc/alloc_internal.h"
 #include "gikraidrum.h"
@@ -82,7 +81,6 @@ uint32_t load_shared(const uint32_t& word) {
 VarListState& state_of(uint32_t id) { return g_state[id <= kMaxVarListId ? id : 0]; }
 
 void set_domain_capacity(int32_t d) { g_domain_capacity = d; }
-int32_t domain_capacity() { return g_domain_capacity; }
 void forget_known_capacity() { g_known_capacity = 0; }
 
 int create_step(const VarList& vl) {
