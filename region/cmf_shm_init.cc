@@ -59,13 +59,13 @@ constexpr bool ids_are_a_permutation() {
 static_assert(ids_are_a_permutation());
 
 // Start-up modes 0..3: which groups they map and how each access class is protected.
-struct ModeSpec {
+struct StartupMode {
   uint8_t mask;
   int prot_owner_writes;
   int prot_all_write;
 };
 constexpr int kRO = PROT_READ, kRW = PROT_READ | PROT_WRITE;
-constexpr ModeSpec kModes[] = {{kInitSet, kRW, kRW}, {kOrdinarySet, kRO, kRW}, {0xFF, kRW, kRW}, {kOrdinarySet, kRO, kRW}};
+constexpr StartupMode kModes[] = {{kInitSet, kRW, kRW}, {kOrdinarySet, kRO, kRW}, {0xFF, kRW, kRW}, {kOrdinarySet, kRO, kRW}};
 
 int g_once = 0;   // set on entry to init_cmdb_app_core, cleared by cleanup
 
@@ -164,7 +164,7 @@ int attach_one(const VarList& vl, int prot) {
 
 int attach_walk(int mode) {
   if (mode < 0 || mode > 3) return 0;
-  const ModeSpec& m = kModes[mode];
+  const StartupMode& m = kModes[mode];
   for (const Group& g : kVarListTable) {
     if ((g.modes & m.mask) == 0) continue;
     int prot = g.access == kAllWrite ? m.prot_all_write : m.prot_owner_writes;
