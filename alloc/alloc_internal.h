@@ -19,7 +19,8 @@ void write_cache_table_image(void* dst);
 // Builds this process's page map from `table`, or from cmdb.page when null
 // (nothing when that is null too): zero-filled, page_max slots (cmf_page_map_init).
 // A map that the process already had is released first (its pages unmapped).
-// With cmdb.page, a page_map_len of 0 is taken as the table's own length.
+// A cmdb.page_map_len of 0 beside a mapped table is taken as the table's length;
+// whoever maps `page` should record the mapping's length there.
 void page_map_init(const cmdb_page_table_t* table);
 // Unmaps every mapped slot of this process's page map and frees it.
 void page_map_release();

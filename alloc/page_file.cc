@@ -153,10 +153,7 @@ void page_map_init(const cmdb_page_table_t* table) {
   if (mapped) table = page_table();
   if (table == nullptr) return;
   int64_t count = std::max<int32_t>(table->page_max, 0);
-  if (mapped) {
-    if (cmdb.page_map_len <= 0) cmdb.page_map_len = static_cast<int32_t>(std::min<int64_t>(table_bytes(count), INT32_MAX));
-    count = std::min(count, mapped_table_slots());
-  }
+  if (mapped) count = std::min(count, mapped_table_slots());
   page_map_release();
   cmdb.page_maps = new_page_map(count);
 }
@@ -174,6 +171,7 @@ void page_map_release() {
 
 PageMapSlot* cmf_update_page_slow(uint32_t page, int write) {
   write = write != 0;
+  (void)mapped_table_slots();  // records a missing mapping length
   cmdb_page_table_t* t = page_table();
   if (t == nullptr) {
     // Only a process that lost its table while remapping it tries again.
@@ -235,6 +233,7 @@ PageMapSlot* cmf_update_page_slow(uint32_t page, int write) {
 
 int32_t __cmf_alloc_page(uint32_t len) {
   cmdb_page_table_t* t = page_table();
+  (void)mapped_table_slots();
   if (t == nullptr || cmdb.page_maps == nullptr) page_map_init(nullptr);
   if (t == nullptr || page_map() == nullptr) {
     dbg_cmdb(3, "Critical error %s,%s,%d.\n", kSrc, "__cmf_alloc_page", __LINE__);

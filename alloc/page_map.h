@@ -5,6 +5,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <climits>
+
 #include "gikraidrum.h"
 
 namespace alloc {
@@ -45,9 +47,14 @@ inline cmdb_slab_cache_table_t* cache_table() { return static_cast<cmdb_slab_cac
 // "/dev/cmdb/<name>" in this thread's 65-byte path buffer, cut to 64 characters.
 const char* build_path(const char* name);
 
-// Slots of `page` that this process's mapping of it covers.
+// Slots of `page` that this process's mapping of it covers. A mapping recorded
+// without its length is taken to be as long as the table says it is.
 inline int64_t mapped_table_slots() {
   int64_t len = cmdb.page_map_len;
+  if (len <= 0 && cmdb.page != nullptr) {
+    len = table_bytes(static_cast<const cmdb_page_table_t*>(cmdb.page)->page_max);
+    cmdb.page_map_len = len < 8 ? 0 : len > INT32_MAX ? INT32_MAX : static_cast<int32_t>(len);
+  }
   return len < 8 ? 0 : (len - 8) / 8;
 }
 
