@@ -14,7 +14,8 @@ void attach_locks() {
   static const bool ready = [] {
     size_t len = DZ_DOMAIN_RECORDS + 17 * 276;
     void* zone = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-    if (zone == MAP_FAILED || cmdb_create_lock() != 0 || cmf_lock_init() != 0 || debug_zone_rwlock_init() != 0)
+    if (zone == MAP_FAILED || cmdb_create_lock() != 0 || cmf_lock_init() != 0 ||
+        debug_zone_rwlock_init() != 0)
       abort();
     cmdb.debug_zone = zone;
     return true;

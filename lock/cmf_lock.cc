@@ -33,7 +33,9 @@ static_assert(std::atomic_ref<uint8_t>::is_always_lock_free && std::atomic_ref<i
 
 // Depth of this thread's read locks on the main lock; only the outermost level
 // touches the semaphore. Initial-exec keeps the nested path to one fs-relative
-// access instead of a __tls_get_addr call per lock.
+// access instead of a __tls_get_addr call per lock; when the library is dlopened
+// these 4 bytes come from the static TLS surplus. A forked child inherits the
+// forking thread's depth but none of its semaphore units.
 __attribute__((tls_model("initial-exec"))) thread_local uint32_t shm_read_depth = 0;
 
 // reader_pids slot of this process's last outermost read lock. One per process:

@@ -32,9 +32,8 @@ struct SemSet {
   int* id;
 };
 // Created in this order; creation stops at the first failure.
-const SemSet kSemSets[] = {{CMDB_SEM_KEY, &cmdb_semid},
-                           {DBGZ_SEM_KEY, &dbgz_semid[0]},
-                           {DBGZ_SEM_KEY + 1, &dbgz_semid[1]}};
+const SemSet kSemSets[] = {
+    {CMDB_SEM_KEY, &cmdb_semid}, {DBGZ_SEM_KEY, &dbgz_semid[0]}, {DBGZ_SEM_KEY + 1, &dbgz_semid[1]}};
 
 void close_fd(int* fd) {
   if (*fd >= 0) ::close(*fd);
@@ -88,7 +87,7 @@ int shm_file_lock(int cmd, short type, int pos) {
 }  // namespace
 
 int cmf_file_lock(int fd, int cmd, short type, off_t pos) {
-  struct flock fl{};
+  struct flock fl {};
   fl.l_type = type;
   fl.l_whence = SEEK_SET;
   fl.l_start = pos;
@@ -107,7 +106,8 @@ void valid_shm_lock_file() {
   }
   // Closed behind our back (or never opened): reopen once; a failure shows in the lock step.
   shm_lockfd = ::open(kShmLockPath, kOpenFlags);
-  if (shm_lockfd < 0) message("%s:%d failed to open lock file: %s\n", "valid_shm_lock_file", 353, kShmLockPath);
+  if (shm_lockfd < 0)
+    message("%s:%d failed to open lock file: %s\n", "valid_shm_lock_file", 353, kShmLockPath);
 }
 
 }  // namespace lock

@@ -119,6 +119,33 @@ bool Signal::wait(int timeout_ms) {
   return ::read(fd[0], &c, 1) == 1;
 }
 
+Holder::Holder(const std::function<void()>& take, const std::function<void()>& give) {
+  pid = start_child([&] {
+    ::alarm(10);
+    take();
+    took_.post();
+    go_.wait(-1);
+    give();
+    return 0;
+  });
+}
+Holder::~Holder() {
+  if (pid > 0) kill();
+}
+int Holder::finish() {
+  go_.post();
+  return reap();
+}
+int Holder::kill() {
+  ::kill(pid, SIGKILL);
+  return reap();
+}
+int Holder::reap() {
+  int status = wait_child(pid);
+  pid = -1;
+  return status;
+}
+
 namespace {
 std::string capture_fd(int fd, FILE* stream, const std::function<void()>& fn) {
   fflush(stream);

@@ -36,6 +36,24 @@ struct Signal {
   bool wait(int timeout_ms = 5000);
 };
 
+// A child process that runs `take`, reports it, and runs `give` when released.
+// An alarm ends it after 10 s, so a lock that never comes fails instead of hanging.
+class Holder {
+ public:
+  Holder(const std::function<void()>& take, const std::function<void()>& give);
+  ~Holder();  // kills and reaps a child still running
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+  bool held(int timeout_ms = 5000) { return took_.wait(timeout_ms); }
+  int finish();  // releases the child; its exit status as run_child gives it
+  int kill();    // SIGKILL; its status
+  pid_t pid = -1;
+
+ private:
+  int reap();
+  Signal took_, go_;
+};
+
 // What fn writes to standard output (or standard error), captured through a pipe.
 std::string capture_stdout(const std::function<void()>& fn);
 std::string capture_stderr(const std::function<void()>& fn);
