@@ -1,6 +1,9 @@
 // The schema loader: descriptors byte for byte, the shipped example, and every
 // class of bad file reported with its line and field.
+#include "tools/schema/schema_loader.h"
+
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -9,10 +12,6 @@
 #include <sstream>
 #include <string>
 #include <vector>
-
-#include <gtest/gtest.h>
-
-#include "tools/schema/schema_loader.h"
 
 namespace {
 
@@ -209,78 +208,119 @@ const BadCase kBadCases[] = {
     {"syntax", "{ \"nodes\": [\n { \"name\": \"a\" \n@ ]}", nullptr, "bad JSON"},
     {"duplicate key", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"name\": \"b\" } ]}", nullptr, "Duplicate key"},
     {"not an object", "{ \"nodes\": [\n@ 7 ]}", "nodes", "a node must be an object, not an integer"},
-    {"unknown field", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"colour\": 3 } ]}", "colour",
-     "unknown field"},
-    {"unknown flag", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"bold\": true } } ]}",
+    {"unknown field", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"colour\": 3 } ]}",
+     "colour", "unknown field"},
+    {"unknown flag",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"bold\": true } } ]}",
      "flags.bold", "unknown field"},
     {"wrong type", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": \"7\", \"kind\": 4 } ]}", "gid",
      "expected an integer, not a string"},
     {"missing kind", "{ \"nodes\": [\n@ { \"name\": \"a\", \"gid\": 1 } ]}", "kind", "missing"},
-    {"kind too big", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1,\n@ \"kind\": 16 } ]}", "kind", "above 15"},
+    {"kind too big", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1,\n@ \"kind\": 16 } ]}", "kind",
+     "above 15"},
     {"platform", "{\n@ \"platform\": 30, \"nodes\": [] }", "platform", "above 29"},
-    {"gid 0", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 0, \"kind\": 4 } ]}", "gid", "gid 0 names no node"},
+    {"gid 0", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 0, \"kind\": 4 } ]}", "gid",
+     "gid 0 names no node"},
     {"gid 1861", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 1861, \"kind\": 4 } ]}", "gid", "above 1860"},
-    {"gid 91", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 91, \"kind\": 4 } ]}", "gid", "built-in domain table"},
+    {"gid 91", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 91, \"kind\": 4 } ]}", "gid",
+     "built-in domain table"},
     {"duplicate gid",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 5, \"kind\": 4 },\n { \"name\": \"b\",\n@ \"gid\": 5, \"kind\": 4 } ]}",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 5, \"kind\": 4 },\n { \"name\": \"b\",\n@ \"gid\": 5, "
+     "\"kind\": 4 } ]}",
      "gid", "gid 5 is already 'a' (line 1)"},
-    {"duplicate sibling", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"children\": [\n"
-     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5 },\n { \"gid\": 3, \"kind\": 5,\n@ \"name\": \"x\" } ] } ]}",
+    {"duplicate sibling",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"children\": [\n"
+     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5 },\n { \"gid\": 3, \"kind\": 5,\n@ \"name\": \"x\" } ] } "
+     "]}",
      "name", "'x' is already a child of 'a'"},
-    {"overlap", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
+    {"overlap",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
      " { \"name\": \"x\", \"gid\": 2, \"kind\": 5, \"size\": 4, \"offset\": 0 },\n"
      " { \"name\": \"y\", \"gid\": 3, \"kind\": 5, \"size\": 4,\n@ \"offset\": 2 } ] } ]}",
      "offset", "'y' (bytes 2..5) overlaps 'x' (bytes 0..3)"},
-    {"passes parent", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
+    {"passes parent",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
      " { \"name\": \"x\", \"gid\": 2, \"kind\": 5, \"size\": 4,\n@ \"offset\": 6 } ] } ]}",
      "offset", "offset 6 and size 4 pass the 8-byte data part of 'a'"},
-    {"string default too long", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4, \"children\": [\n"
-     " { \"name\": \"s\", \"gid\": 2, \"kind\": 5, \"type\": 2, \"size\": 4 } ],\n \"defaults\": {\n@ \"s\": \"abcd\" } } ]}",
+    {"string default too long",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4, \"children\": [\n"
+     " { \"name\": \"s\", \"gid\": 2, \"kind\": 5, \"type\": 2, \"size\": 4 } ],\n \"defaults\": {\n@ \"s\": "
+     "\"abcd\" } } ]}",
      "defaults.s", "the field holds 4 with the terminating NUL"},
-    {"integer default too big", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
+    {"integer default too big",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
      " { \"name\": \"i\", \"gid\": 2, \"kind\": 5, \"size\": 1 } ],\n \"defaults\": {\n@ \"i\": 256 } } ]}",
      "defaults.i", "256 does not fit in 1 bytes"},
-    {"negative default too small", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
+    {"negative default too small",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
      " { \"name\": \"i\", \"gid\": 2, \"kind\": 5, \"size\": 1 } ],\n \"defaults\": {\n@ \"i\": -129 } } ]}",
      "defaults.i", "-129 does not fit in 1 bytes"},
-    {"default of no attribute", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1,\n"
-     " \"defaults\": {\n@ \"i\": 1 } } ]}", "defaults.i", "'a' has no attribute 'i'"},
-    {"hex past the block", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 2,\n"
-     "@ \"defaults_hex\": \"010203\" } ]}", "defaults_hex", "3 bytes do not fit in 2"},
-    {"defaults of kind 5", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"size\": 2,\n"
-     "@ \"defaults_hex\": \"01\" } ]}", "defaults_hex", "kinds 2, 3 and 4 only"},
-    {"refs without type 12", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"refs\": [2] } ]}",
-     "refs", "only a node of type 12"},
-    {"type 12 without refs", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"type\": 12 } ]}", "type",
+    {"default of no attribute",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1,\n"
+     " \"defaults\": {\n@ \"i\": 1 } } ]}",
+     "defaults.i", "'a' has no attribute 'i'"},
+    {"hex past the block",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 2,\n"
+     "@ \"defaults_hex\": \"010203\" } ]}",
+     "defaults_hex", "3 bytes do not fit in 2"},
+    {"defaults of kind 5",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"size\": 2,\n"
+     "@ \"defaults_hex\": \"01\" } ]}",
+     "defaults_hex", "kinds 2, 3 and 4 only"},
+    {"refs without type 12",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"refs\": [2] } ]}", "refs",
+     "only a node of type 12"},
+    {"type 12 without refs",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"type\": 12 } ]}", "type",
      "type 12 needs 'refs'"},
-    {"five refs", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2, 3, 4, 5, 6] } ]}",
+    {"five refs",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2, 3, 4, 5, 6] "
+     "} ]}",
      "refs", "one to four gids"},
-    {"ref to nothing", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2] } ]}",
-     "refs", "gid 2 names no node"},
-    {"sql long1 with short2", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"short2\": \"s\",\n"
-     "@ \"long1\": \"l\" } } ]}", "sql.long1", "takes the place of 'short2'"},
-    {"sql number with long2", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"long2\": \"l\",\n"
-     "@ \"number\": 3 } } ]}", "sql.number", "takes the first bytes of 'long2'"},
-    {"sql short name too long", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {\n"
-     "@ \"short1\": \"abcdefghijklmnopqrstuvwxyz012345\" } } ]}", "sql.short1", "32 bytes long, at most 31 fit"},
-    {"sql bit by hand", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"raw_b\": 5 } } ]}",
+    {"ref to nothing",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2] } ]}", "refs",
+     "gid 2 names no node"},
+    {"sql long1 with short2",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"short2\": \"s\",\n"
+     "@ \"long1\": \"l\" } } ]}",
+     "sql.long1", "takes the place of 'short2'"},
+    {"sql number with long2",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"long2\": \"l\",\n"
+     "@ \"number\": 3 } } ]}",
+     "sql.number", "takes the first bytes of 'long2'"},
+    {"sql short name too long",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {\n"
+     "@ \"short1\": \"abcdefghijklmnopqrstuvwxyz012345\" } } ]}",
+     "sql.short1", "32 bytes long, at most 31 fit"},
+    {"sql bit by hand",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"raw_b\": 5 } } ]}",
      "flags.raw_b", "use 'sql'"},
-    {"default_gid with sql", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {},\n"
-     "@ \"default_gid\": 91 } ]}", "default_gid", "cannot also copy defaults"},
-    {"default_gid without a block", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n"
-     "@ \"default_gid\": 91 } ]}", "default_gid", "kind 5 has no default block"},
-    {"default_gid built later", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 },\n"
-     " { \"name\": \"b\", \"gid\": 2, \"kind\": 4 } ]}", "default_gid", "'b' (line 3) is built after this node"},
-    {"default_gid from a smaller block", "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 4, \"size\": 2 },\n"
-     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4,\n@ \"default_gid\": 2 } ]}", "default_gid",
-     "gid 2 has a 2-byte default block; this node copies 4 bytes"},
-    {"default_gid from no block", "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 5 },\n"
-     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 } ]}", "default_gid",
-     "'b' is kind 5 and has no default block"},
-    {"table without entry", "{ \"nodes\": [\n@ { \"name\": \"t\", \"gid\": 1, \"kind\": 2, \"size\": 4 } ]}", "children",
-     "needs its entry node as first child"},
-    {"entry with an instance", "{ \"nodes\": [ { \"name\": \"t\", \"gid\": 1, \"kind\": 3, \"size\": 4, \"children\": [\n"
-     "@ { \"name\": \"e\", \"gid\": 2, \"kind\": 4, \"size\": 4 } ] } ]}", "kind", "cannot have an instance block"},
+    {"default_gid with sql",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {},\n"
+     "@ \"default_gid\": 91 } ]}",
+     "default_gid", "cannot also copy defaults"},
+    {"default_gid without a block",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n"
+     "@ \"default_gid\": 91 } ]}",
+     "default_gid", "kind 5 has no default block"},
+    {"default_gid built later",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 },\n"
+     " { \"name\": \"b\", \"gid\": 2, \"kind\": 4 } ]}",
+     "default_gid", "'b' (line 3) is built after this node"},
+    {"default_gid from a smaller block",
+     "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 4, \"size\": 2 },\n"
+     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4,\n@ \"default_gid\": 2 } ]}",
+     "default_gid", "gid 2 has a 2-byte default block; this node copies 4 bytes"},
+    {"default_gid from no block",
+     "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 5 },\n"
+     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 } ]}",
+     "default_gid", "'b' is kind 5 and has no default block"},
+    {"table without entry", "{ \"nodes\": [\n@ { \"name\": \"t\", \"gid\": 1, \"kind\": 2, \"size\": 4 } ]}",
+     "children", "needs its entry node as first child"},
+    {"entry with an instance",
+     "{ \"nodes\": [ { \"name\": \"t\", \"gid\": 1, \"kind\": 3, \"size\": 4, \"children\": [\n"
+     "@ { \"name\": \"e\", \"gid\": 2, \"kind\": 4, \"size\": 4 } ] } ]}",
+     "kind", "cannot have an instance block"},
 };
 
 TEST(SchemaLoader, ReportsEachBadFileAtItsLineAndField) {
@@ -289,7 +329,8 @@ TEST(SchemaLoader, ReportsEachBadFileAtItsLineAndField) {
     std::string text = c.text;
     size_t at = text.find('@');
     ASSERT_NE(std::string::npos, at);
-    int line = 1 + static_cast<int>(std::count(text.begin(), text.begin() + static_cast<ptrdiff_t>(at), '\n'));
+    int line =
+        1 + static_cast<int>(std::count(text.begin(), text.begin() + static_cast<ptrdiff_t>(at), '\n'));
     text.erase(at, 1);
     std::string prefix = "t.json:" + std::to_string(line) + ": ";
     if (c.field != nullptr) prefix += std::string("field '") + c.field + "': ";
@@ -307,18 +348,22 @@ std::string many(int count, const std::string& node_template) {
   std::string text = "{ \"nodes\": [";
   for (int i = 0; i < count; ++i) {
     std::string node = node_template;
-    for (size_t p; (p = node.find("$G")) != std::string::npos;) node.replace(p, 2, std::to_string(100 + 2 * i));
-    for (size_t p; (p = node.find("$K")) != std::string::npos;) node.replace(p, 2, std::to_string(101 + 2 * i));
+    for (size_t p; (p = node.find("$G")) != std::string::npos;)
+      node.replace(p, 2, std::to_string(100 + 2 * i));
+    for (size_t p; (p = node.find("$K")) != std::string::npos;)
+      node.replace(p, 2, std::to_string(101 + 2 * i));
     text += (i ? ",\n" : "\n") + node;
   }
   return text + "\n]}";
 }
 
 TEST(SchemaLoader, RefusesWhatTheSideTablesCannotHold) {
-  const char* kTable = R"({"name":"t$G","gid":$G,"kind":2,"size":4,"children":[{"name":"k","gid":$K,"kind":5,"size":4}]})";
+  const char* kTable =
+      R"({"name":"t$G","gid":$G,"kind":2,"size":4,"children":[{"name":"k","gid":$K,"kind":5,"size":4}]})";
   const char* kSql = R"({"name":"s$G","gid":$G,"kind":4,"sql":{"short1":"s"}})";
   const char* kRefs = R"({"name":"r$G","gid":$G,"kind":5,"type":12,"refs":[91,1,2,3]})";
-  const std::string kTargets = R"({"name":"a","gid":1,"kind":4},{"name":"b","gid":2,"kind":4},{"name":"c","gid":3,"kind":4},)";
+  const std::string kTargets =
+      R"({"name":"a","gid":1,"kind":4},{"name":"b","gid":2,"kind":4},{"name":"c","gid":3,"kind":4},)";
   struct {
     const char* what;
     std::string fits, overflows;

@@ -34,13 +34,15 @@ int Loader::put_hex(const Json::Value& v, std::string_view field, uint8_t* at, s
   std::string digits;
   for (char c : v.asString()) {
     if (c == ' ') continue;  // spaces may group the bytes
-    if (!isxdigit(static_cast<unsigned char>(c))) return fail(v, field, std::string("'") + c + "' is not a hex digit");
+    if (!isxdigit(static_cast<unsigned char>(c)))
+      return fail(v, field, quoted(std::string_view(&c, 1)) + " is not a hex digit");
     digits += c;
   }
   if (digits.size() % 2 != 0) return fail(v, field, "odd number of hex digits");
   if (digits.size() / 2 > room)
     return fail(v, field, std::to_string(digits.size() / 2) + " bytes do not fit in " + std::to_string(room));
-  for (size_t i = 0; i < digits.size() / 2; ++i) at[i] = static_cast<uint8_t>(std::stoul(digits.substr(2 * i, 2), nullptr, 16));
+  for (size_t i = 0; i < digits.size() / 2; ++i)
+    at[i] = static_cast<uint8_t>(std::stoul(digits.substr(2 * i, 2), nullptr, 16));
   return 0;
 }
 
@@ -50,10 +52,11 @@ int Loader::put_value(const Json::Value& v, std::string_view field, const Node* 
                       size_t block_size) {
   const cmdb_node_desc_t* a = attr->desc;
   size_t offset = a->offset, size = a->size;
-  if (size == 0) return fail(v, field, "'" + std::string(a->name) + "' has size 0");
+  if (size == 0) return fail(v, field, quoted(a->name) + " has size 0");
   if (offset + size > block_size)
-    return fail(v, field, "'" + std::string(a->name) + "' (" + range(offset, size) + ") does not fit in the " +
-                              std::to_string(block_size) + "-byte default block");
+    return fail(v, field,
+                quoted(a->name) + " (" + range(offset, size) + ") does not fit in the " +
+                    std::to_string(block_size) + "-byte default block");
   uint8_t* at = block + offset;
   if (v.isObject()) {
     if (int err = check_fields(v, field, {"hex"}); err != 0) return err;
@@ -67,8 +70,9 @@ int Loader::put_value(const Json::Value& v, std::string_view field, const Node* 
     std::string s = v.asString();
     if (s.find('\0') != std::string::npos) return fail(v, field, "contains a NUL character");
     if (s.size() >= size)
-      return fail(v, field, "'" + s + "' is " + std::to_string(s.size()) + " bytes; the field holds " +
-                                std::to_string(size) + " with the terminating NUL");
+      return fail(v, field,
+                  quoted(s) + " is " + std::to_string(s.size()) + " bytes; the field holds " +
+                      std::to_string(size) + " with the terminating NUL");
     memset(at, 0, size);  // over whatever defaults_hex put there
     memcpy(at, s.data(), s.size());
     return 0;
@@ -89,7 +93,8 @@ int Loader::put_value(const Json::Value& v, std::string_view field, const Node* 
                          : bits >> bits_in_field == 0;
     if (!fits) return fail(v, field, v.asString() + " does not fit in " + std::to_string(size) + " bytes");
   }
-  for (size_t i = 0; i < size; ++i) at[i] = i < 8 ? static_cast<uint8_t>(bits >> (8 * i)) : (negative ? 0xFF : 0);
+  for (size_t i = 0; i < size; ++i)
+    at[i] = i < 8 ? static_cast<uint8_t>(bits >> (8 * i)) : (negative ? 0xFF : 0);
   return 0;
 }
 
@@ -102,7 +107,8 @@ int Loader::load_defaults(Node* n) {
   cmdb_node_desc_t* d = n->desc;
   int kind = kind_of(d);
   if (kind != 2 && kind != 3 && kind != 4)
-    return fail(at, field, "the builder takes defaults for kinds 2, 3 and 4 only, not kind " + std::to_string(kind));
+    return fail(at, field,
+                "the builder takes defaults for kinds 2, 3 and 4 only, not kind " + std::to_string(kind));
   if (d->size == 0) return fail(at, field, "the node has size 0, so no default block");
   auto* block = static_cast<uint8_t*>(calloc(d->size, 1));
   if (block == nullptr) {
@@ -122,10 +128,10 @@ int Loader::load_defaults(Node* n) {
     const Node* found = nullptr;
     for (const Node* m : members) {
       if (name != m->desc->name) continue;
-      if (found != nullptr) return fail(*it, f, "'" + name + "' names two attributes of '" + d->name + "'");
+      if (found != nullptr) return fail(*it, f, quoted(name) + " names two attributes of " + quoted(d->name));
       found = m;
     }
-    if (found == nullptr) return fail(*it, f, "'" + std::string(d->name) + "' has no attribute '" + name + "'");
+    if (found == nullptr) return fail(*it, f, quoted(d->name) + " has no attribute " + quoted(name));
     if (int err = put_value(*it, f, found, block, d->size); err != 0) return err;
   }
   return 0;

@@ -5,6 +5,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <fstream>
@@ -18,14 +19,21 @@ namespace {
 
 const char* type_name(Json::ValueType t) {
   switch (t) {
-    case Json::nullValue: return "null";
+    case Json::nullValue:
+      return "null";
     case Json::intValue:
-    case Json::uintValue: return "an integer";
-    case Json::realValue: return "a number";
-    case Json::stringValue: return "a string";
-    case Json::booleanValue: return "a boolean";
-    case Json::arrayValue: return "an array";
-    case Json::objectValue: return "an object";
+    case Json::uintValue:
+      return "an integer";
+    case Json::realValue:
+      return "a number";
+    case Json::stringValue:
+      return "a string";
+    case Json::booleanValue:
+      return "a boolean";
+    case Json::arrayValue:
+      return "an array";
+    case Json::objectValue:
+      return "an object";
   }
   return "a value";
 }
@@ -40,7 +48,10 @@ std::string join(std::string_view prefix, std::string_view name) {
 }  // namespace
 
 Loader::Loader(std::string_view text, std::string_view file_name)
-    : text_(text), file_(file_name), impl_(std::make_unique<Schema::Impl>()), node_of_gid_(kMaxGid + 1, nullptr) {
+    : text_(text),
+      file_(file_name),
+      impl_(std::make_unique<Schema::Impl>()),
+      node_of_gid_(kMaxGid + 1, nullptr) {
   line_starts_.push_back(0);
   for (size_t i = 0; i < text_.size(); ++i)
     if (text_[i] == '\n') line_starts_.push_back(i + 1);
@@ -56,7 +67,9 @@ int Loader::line_of(const Json::Value& v) const {
 int Loader::fail(const Json::Value& at, std::string_view field, const std::string& message) {
   if (error_.empty()) {
     std::ostringstream s;
-    s << file_ << ':' << line_of(at) << ": field '" << field << "': " << message;
+    s << file_ << ':' << line_of(at) << ": ";
+    if (!field.empty()) s << "field '" << field << "': ";
+    s << message;
     error_ = s.str();
   }
   return EINVAL;
@@ -116,8 +129,9 @@ int Loader::read_string(const Json::Value& obj, const char* key, std::string_vie
   std::string s = v->asString();
   if (s.find('\0') != std::string::npos) return fail(*v, field, "contains a NUL character");
   if (s.size() > max_len)
-    return fail(*v, field, "is " + std::to_string(s.size()) + " bytes long, at most " + std::to_string(max_len) +
-                               " fit");
+    return fail(
+        *v, field,
+        "is " + std::to_string(s.size()) + " bytes long, at most " + std::to_string(max_len) + " fit");
   *out = std::move(s);
   return 0;
 }
@@ -133,7 +147,8 @@ int Loader::load_top(const Json::Value& root) {
 
   const Json::Value* nodes = member(root, "nodes");
   if (nodes == nullptr) return fail(root, "nodes", "missing");
-  if (!nodes->isArray()) return fail(*nodes, "nodes", std::string("expected an array, not ") + type_name(nodes->type()));
+  if (!nodes->isArray())
+    return fail(*nodes, "nodes", std::string("expected an array, not ") + type_name(nodes->type()));
   if (nodes->size() > kMaxChildren)
     return fail(*nodes, "nodes", std::to_string(nodes->size()) + " top-level nodes, at most 255 fit");
   for (const Json::Value& v : *nodes) {
@@ -153,8 +168,9 @@ int Loader::load_top(const Json::Value& root) {
 int Loader::load_node(const Json::Value& v, std::string_view container, Node* parent, Node** out) {
   if (!v.isObject())
     return fail(v, container, std::string("a node must be an object, not ") + type_name(v.type()));
-  if (int err = check_fields(v, "", {"name", "help", "comment", "gid", "kind", "type", "scope", "size", "offset",
-                                     "flags", "defaults", "defaults_hex", "refs", "sql", "default_gid", "children"});
+  if (int err = check_fields(v, "",
+                             {"name", "help", "comment", "gid", "kind", "type", "scope", "size", "offset",
+                              "flags", "defaults", "defaults_hex", "refs", "sql", "default_gid", "children"});
       err != 0)
     return err;
   Node* n = &nodes_.emplace_back();
@@ -166,11 +182,11 @@ int Loader::load_node(const Json::Value& v, std::string_view container, Node* pa
   if (int err = read_string(v, "name", "name", SIZE_MAX, &name); err != 0) return err;
   if (!name) return fail(v, "name", "missing");
   if (name->empty()) return fail(v["name"], "name", "must not be empty");
-  if (parent != nullptr) {
-    for (const Node* sibling : parent->children)
-      if (name == sibling->desc->name)
-        return fail(v["name"], "name", "'" + *name + "' is already a child of '" + parent->desc->name + "'");
-  }
+  for (const Node* sibling : parent != nullptr ? parent->children : top_)
+    if (name == sibling->desc->name)
+      return fail(v["name"], "name",
+                  quoted(*name) + (parent != nullptr ? " is already a child of " + quoted(parent->desc->name)
+                                                     : std::string(" is already a top-level node")));
   if (int err = read_string(v, "help", "help", SIZE_MAX, &help); err != 0) return err;
   if (int err = read_string(v, "comment", "comment", SIZE_MAX, &comment); err != 0) return err;
   d->name = impl_->keep(std::move(*name));
@@ -181,11 +197,14 @@ int Loader::load_node(const Json::Value& v, std::string_view container, Node* pa
   if (!v.isMember("gid")) return fail(v, "gid", "missing");
   const Json::Value& gid_v = v["gid"];
   if (gid == 0) return fail(gid_v, "gid", "gid 0 names no node; gids run from 1 to 1860");
-  if (gid > kMaxGid) return fail(gid_v, "gid", "gid " + std::to_string(gid) + " is above 1860, the last gid the node index holds");
+  if (gid > kMaxGid)
+    return fail(gid_v, "gid",
+                "gid " + std::to_string(gid) + " is above 1860, the last gid the node index holds");
   if (gid == kDomainTableGid) return fail(gid_v, "gid", "gid 91 is the built-in domain table's");
   if (const Node* other = node_of_gid_[gid]; other != nullptr)
-    return fail(gid_v, "gid", "gid " + std::to_string(gid) + " is already '" + other->desc->name + "' (line " +
-                                  std::to_string(line_of(*other->json)) + ")");
+    return fail(gid_v, "gid",
+                "gid " + std::to_string(gid) + " is already '" + other->desc->name + "' (line " +
+                    std::to_string(line_of(*other->json)) + ")");
   node_of_gid_[gid] = n;
   impl_->by_gid[gid] = d;
   d->gid = static_cast<uint32_t>(gid);
@@ -213,7 +232,8 @@ int Loader::load_node(const Json::Value& v, std::string_view container, Node* pa
     if (v.isMember("defaults") || v.isMember("defaults_hex"))
       return fail(at, "default_gid", "the copied defaults would replace 'defaults'");
     if (!has_default_block(d))
-      return fail(at, "default_gid", "kind " + std::to_string(kind) + " has no default block (kinds 2, 3, 4 and 8 do)");
+      return fail(at, "default_gid",
+                  "kind " + std::to_string(kind) + " has no default block (kinds 2, 3, 4 and 8 do)");
     n->default_gid = static_cast<uint32_t>(default_gid);
     uint32_t& word = impl_->source_words.emplace_back(n->default_gid);
     d->source = &word;
@@ -223,12 +243,14 @@ int Loader::load_node(const Json::Value& v, std::string_view container, Node* pa
   if (int err = load_children(v, n); err != 0) return err;
   if (is_table(d)) {
     if (n->children.empty())
-      return fail(v, "children", "a table (kind " + std::to_string(kind) + ") needs its entry node as first child");
+      return fail(v, "children",
+                  "a table (kind " + std::to_string(kind) + ") needs its entry node as first child");
     const cmdb_node_desc_t* entry = n->children.front()->desc;
     if (has_own_instance(entry))
       return fail(*n->children.front()->json, "kind",
                   "the entry node describes the table's key and cannot have an instance block of its own");
-    if (entry->size == 0) return fail(*n->children.front()->json, "size", "the entry node's key needs a size");
+    if (entry->size == 0)
+      return fail(*n->children.front()->json, "size", "the entry node's key needs a size");
   }
   if (int err = load_defaults(n); err != 0) return err;
   *out = n;
@@ -270,15 +292,17 @@ int Loader::load_flags(const Json::Value& node, cmdb_node_desc_t* d) {
   static constexpr struct {
     const char* name;
     uint8_t cmdb_node_desc_t::*byte;
-  } kRaw[] = {{"raw_a", &cmdb_node_desc_t::flags_a}, {"raw_b", &cmdb_node_desc_t::flags_b},
+  } kRaw[] = {{"raw_a", &cmdb_node_desc_t::flags_a},
+              {"raw_b", &cmdb_node_desc_t::flags_b},
               {"raw_c", &cmdb_node_desc_t::flags_c}};
 
   const Json::Value* flags = member(node, "flags");
   if (flags == nullptr) return 0;
   if (!flags->isObject())
     return fail(*flags, "flags", std::string("expected an object, not ") + type_name(flags->type()));
-  if (int err = check_fields(*flags, "flags",
-                             {"node_flag0", "node_flag2", "node_flag3", "case_insensitive", "raw_a", "raw_b", "raw_c"});
+  if (int err = check_fields(
+          *flags, "flags",
+          {"node_flag0", "node_flag2", "node_flag3", "case_insensitive", "raw_a", "raw_b", "raw_c"});
       err != 0)
     return err;
   for (const auto& raw : kRaw) {
@@ -294,7 +318,8 @@ int Loader::load_flags(const Json::Value& node, cmdb_node_desc_t* d) {
     const Json::Value* v = member(*flags, bit.name);
     if (v == nullptr) continue;
     if (!v->isBool())
-      return fail(*v, join("flags", bit.name), std::string("expected a boolean, not ") + type_name(v->type()));
+      return fail(*v, join("flags", bit.name),
+                  std::string("expected a boolean, not ") + type_name(v->type()));
     if (v->asBool()) d->*bit.byte |= bit.mask;
   }
   return 0;
@@ -307,7 +332,8 @@ int Loader::load_refs(const Json::Value& node, cmdb_node_desc_t* d) {
     return 0;
   }
   if (type_of(d) != 12) return fail(*refs, "refs", "only a node of type 12 refers to other nodes");
-  if (!refs->isArray()) return fail(*refs, "refs", std::string("expected an array, not ") + type_name(refs->type()));
+  if (!refs->isArray())
+    return fail(*refs, "refs", std::string("expected an array, not ") + type_name(refs->type()));
   if (refs->empty() || refs->size() > 4) return fail(*refs, "refs", "needs one to four gids");
   for (Json::ArrayIndex i = 0; i < refs->size(); ++i) {
     const Json::Value& r = (*refs)[i];
@@ -325,7 +351,8 @@ int Loader::load_refs(const Json::Value& node, cmdb_node_desc_t* d) {
 int Loader::load_sql(const Json::Value& node, cmdb_node_desc_t* d) {
   const Json::Value* sql = member(node, "sql");
   if (sql == nullptr) return 0;
-  if (!sql->isObject()) return fail(*sql, "sql", std::string("expected an object, not ") + type_name(sql->type()));
+  if (!sql->isObject())
+    return fail(*sql, "sql", std::string("expected an object, not ") + type_name(sql->type()));
   if (int err = check_fields(*sql, "sql", {"number", "short1", "short2", "long1", "long2", "flag"}); err != 0)
     return err;
   uint64_t number = 0;
@@ -337,12 +364,14 @@ int Loader::load_sql(const Json::Value& node, cmdb_node_desc_t* d) {
   if (int err = read_string(*sql, "long2", "sql.long2", 63, &long2); err != 0) return err;
   // The record keeps a first long name over both short-name fields, and a
   // non-zero number over the first two bytes of the second long name.
-  if (long1 && short2) return fail((*sql)["long1"], "sql.long1", "a first long name takes the place of 'short2'");
+  if (long1 && short2)
+    return fail((*sql)["long1"], "sql.long1", "a first long name takes the place of 'short2'");
   if (number != 0 && long2)
     return fail((*sql)["number"], "sql.number", "a non-zero number takes the first bytes of 'long2'");
   bool flag = false;
   if (const Json::Value* f = member(*sql, "flag"); f != nullptr) {
-    if (!f->isBool()) return fail(*f, "sql.flag", std::string("expected a boolean, not ") + type_name(f->type()));
+    if (!f->isBool())
+      return fail(*f, "sql.flag", std::string("expected a boolean, not ") + type_name(f->type()));
     flag = f->asBool();
   }
   cmdb_sql_desc_t& s = impl_->sql.emplace_back();
@@ -384,10 +413,16 @@ int load_string(std::string_view text, std::string_view file_name, Schema* out, 
 
 int load_file(const std::string& path, Schema* out, std::string* error) {
   std::ifstream in(path, std::ios::binary);
+  int err = in ? 0 : (errno != 0 ? errno : EIO);
+  struct stat st;
+  if (err == 0 && ::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode))
+    err = EISDIR;  // opens, reads nothing
   std::ostringstream text;
-  if (in) text << in.rdbuf();
-  if (!in || in.bad()) {
-    int err = errno != 0 ? errno : EIO;
+  if (err == 0) {
+    text << in.rdbuf();  // an empty file reads as nothing, which the parser then refuses
+    if (in.bad()) err = EIO;
+  }
+  if (err != 0) {
     if (error != nullptr) *error = path + ": " + strerror(err);
     return err;
   }

@@ -16,12 +16,12 @@
 namespace schema {
 
 // What the region can hold; the loader refuses a schema beyond these.
-inline constexpr uint32_t kMaxGid = 1860;         // the node index has no slot for 1861
-inline constexpr uint32_t kDomainTableGid = 91;   // the built-in domain table, walked first
-inline constexpr size_t kMaxChildren = 255;       // nchild is a byte
-inline constexpr size_t kMaxTables = 124;         // table-limits records, the domain table's included
-inline constexpr size_t kMaxSqlDescriptions = 85; // records of cmdb_sql_node
-inline constexpr size_t kMaxRefPairs = 328;       // pairs of cmdb_datasource
+inline constexpr uint32_t kMaxGid = 1860;          // the node index has no slot for 1861
+inline constexpr uint32_t kDomainTableGid = 91;    // the built-in domain table, walked first
+inline constexpr size_t kMaxChildren = 255;        // nchild is a byte
+inline constexpr size_t kMaxTables = 124;          // table-limits records, the domain table's included
+inline constexpr size_t kMaxSqlDescriptions = 85;  // records of cmdb_sql_node
+inline constexpr size_t kMaxRefPairs = 328;        // pairs of cmdb_datasource
 inline constexpr uint32_t kMaxPlatform = 29;
 
 // A loaded schema: the descriptors and everything they point at. Move-only;

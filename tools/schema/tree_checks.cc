@@ -14,8 +14,6 @@ const Json::Value& field_or_node(const Node* n, std::string_view key) {
   return v != nullptr ? *v : *n->json;
 }
 
-std::string quoted(const Node* n) { return std::string("'") + n->desc->name + "'"; }
-
 std::string range(const cmdb_node_desc_t* d) {
   return "bytes " + std::to_string(d->offset) + ".." + std::to_string(d->offset + d->size - 1);
 }
@@ -29,7 +27,7 @@ constexpr uint16_t kDomainTableSize = 256;
 // of its own, depth first, without descending below kind 10. Its side tables
 // are filled in that order, so the limits are counted the same way.
 int Loader::walk_and_count() {
-  int pos = 0;             // the domain table
+  int pos = 0;  // the domain table
   size_t tables = 1, sqls = 0, pairs = 0;
   for (Node* n : top_)
     if (int err = walk(n, &pos, &tables, &sqls, &pairs); err != 0) return err;
@@ -64,7 +62,8 @@ int Loader::check_references() {
     for (uint16_t ref : d->refs) {
       if (ref == 0 || ref == kDomainTableGid) continue;
       const Node* target = node_of_gid_[ref];
-      if (target == nullptr) return fail(field_or_node(n, "refs"), "refs", "gid " + std::to_string(ref) + " names no node");
+      if (target == nullptr)
+        return fail(field_or_node(n, "refs"), "refs", "gid " + std::to_string(ref) + " names no node");
       if (target->walk_pos < 0)
         return fail(field_or_node(n, "refs"), "refs",
                     "gid " + std::to_string(ref) + " lies below a kind-10 node and gets no record");
@@ -78,20 +77,22 @@ int Loader::check_references() {
       if (target == nullptr) return fail(at, "default_gid", "gid " + std::to_string(g) + " names no node");
       if (target == n) return fail(at, "default_gid", "a node cannot copy its own defaults");
       if (target->walk_pos < 0)
-        return fail(at, "default_gid", quoted(target) + " lies below a kind-10 node and gets no record");
+        return fail(at, "default_gid",
+                    quoted(target->desc->name) + " lies below a kind-10 node and gets no record");
       if (target->walk_pos > n->walk_pos)
         return fail(at, "default_gid",
-                    quoted(target) + " (line " + std::to_string(line_of(*target->json)) +
+                    quoted(target->desc->name) + " (line " + std::to_string(line_of(*target->json)) +
                         ") is built after this node; defaults are copied from nodes built before");
       if (!has_default_block(target->desc))
         return fail(at, "default_gid",
-                    quoted(target) + " is kind " + std::to_string(kind_of(target->desc)) + " and has no default block");
+                    quoted(target->desc->name) + " is kind " + std::to_string(kind_of(target->desc)) +
+                        " and has no default block");
       source_size = target->desc->size;
     }
     if (source_size < d->size)
       return fail(at, "default_gid",
-                  "gid " + std::to_string(g) + " has a " + std::to_string(source_size) + "-byte default block; this node copies " +
-                      std::to_string(d->size) + " bytes");
+                  "gid " + std::to_string(g) + " has a " + std::to_string(source_size) +
+                      "-byte default block; this node copies " + std::to_string(d->size) + " bytes");
   }
   return 0;
 }
@@ -109,8 +110,9 @@ int Loader::check_placement(const Node* n) {
       const cmdb_node_desc_t* a = m->desc;
       if (a->offset + a->size > d->size)
         return fail(field_or_node(m, "offset"), "offset",
-                    "offset " + std::to_string(a->offset) + " and size " + std::to_string(a->size) + " pass the " +
-                        std::to_string(d->size) + "-byte data part of " + quoted(n));
+                    "offset " + std::to_string(a->offset) + " and size " + std::to_string(a->size) +
+                        " pass the " + std::to_string(d->size) + "-byte data part of " +
+                        quoted(n->desc->name));
     }
     std::erase_if(members, [](const Node* m) { return m->desc->size == 0; });
     std::stable_sort(members.begin(), members.end(),
@@ -122,10 +124,11 @@ int Loader::check_placement(const Node* n) {
         const Node* later = m_later ? m : reach;
         const Node* earlier = m_later ? reach : m;
         return fail(field_or_node(later, "offset"), "offset",
-                    quoted(later) + " (" + range(later->desc) + ") overlaps " + quoted(earlier) + " (" +
-                        range(earlier->desc) + ")");
+                    quoted(later->desc->name) + " (" + range(later->desc) + ") overlaps " +
+                        quoted(earlier->desc->name) + " (" + range(earlier->desc) + ")");
       }
-      if (reach == nullptr || m->desc->offset + m->desc->size > reach->desc->offset + reach->desc->size) reach = m;
+      if (reach == nullptr || m->desc->offset + m->desc->size > reach->desc->offset + reach->desc->size)
+        reach = m;
     }
   }
   for (const Node* c : n->children)
