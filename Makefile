@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test asan tsan bench lint format clean
+.PHONY: all deps build test asan tsan bench fuzz lint format clean
 
 all: build
 
@@ -28,15 +28,25 @@ bench: deps
 	cmake --build build-bench -j $(JOBS)
 	build-bench/bench/gk_bench $(BENCH_ARGS)
 
+# Runs each fuzz target for FUZZ_SECONDS on a working corpus seeded from tests/fuzz/corpus.
+FUZZ_SECONDS ?= 60
+fuzz: deps
+	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGK_FUZZ=ON -DGK_SANITIZE=address,undefined \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ $(CMAKE_FLAGS)
+	cmake --build build-fuzz -j $(JOBS) --target event_receiver_fuzz
+	mkdir -p build-fuzz/corpus/event_receiver
+	build-fuzz/tests/fuzz/event_receiver_fuzz -max_total_time=$(FUZZ_SECONDS) \
+	  build-fuzz/corpus/event_receiver tests/fuzz/corpus/event_receiver
+
 lint: build
 	cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --enable=warning,performance,portability \
 	  --inline-suppr --suppress=missingIncludeSystem -I include -I . \
-	  region lock alloc tree event util
+	  region lock alloc tree event util tools/schema
 	run-clang-tidy -quiet -p build $(CURDIR)/region $(CURDIR)/lock $(CURDIR)/alloc $(CURDIR)/tree \
-	  $(CURDIR)/event $(CURDIR)/util >build/clang-tidy.log 2>&1 || { cat build/clang-tidy.log; exit 1; }
+	  $(CURDIR)/event $(CURDIR)/util $(CURDIR)/tools/schema >build/clang-tidy.log 2>&1 || { cat build/clang-tidy.log; exit 1; }
 
 format:
 	clang-format -i include/*.h */*.cc */*.h tests/*.c
 
 clean:
-	rm -rf build build-asan build-bench
+	rm -rf build build-asan build-bench build-fuzz

@@ -1,13 +1,17 @@
 #include "tests/test_support.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
 namespace gk::test {
 namespace {
@@ -34,6 +38,41 @@ void* map_new_file(const char* path, size_t len) {
   return p == MAP_FAILED ? nullptr : p;
 }
 }  // namespace
+
+long file_size(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
+}
+
+std::vector<uint8_t> read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<std::string> mappings_of(const std::string& prefix) {
+  std::ifstream in("/proc/self/maps");
+  std::vector<std::string> out;
+  for (std::string line; std::getline(in, line);) {
+    size_t path = line.find('/');
+    if (path != std::string::npos && line.compare(path, prefix.size(), prefix) == 0) out.push_back(line);
+  }
+  return out;
+}
+
+std::vector<std::string> open_fds() {
+  std::vector<std::string> out;
+  DIR* d = ::opendir("/proc/self/fd");
+  if (d == nullptr) return out;
+  while (dirent* e = ::readdir(d)) {
+    char target[256] = {};
+    std::string link = std::string("/proc/self/fd/") + e->d_name;
+    ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+    // The directory stream's own descriptor is the one that names /proc.
+    if (n > 0 && strncmp(target, "/proc/", 6) != 0) out.push_back(std::string(e->d_name) + " " + target);
+  }
+  ::closedir(d);
+  return out;
+}
 
 std::string& captured_log() { return g_log; }
 void clear_log() { g_log.clear(); }
@@ -80,16 +119,44 @@ bool Signal::wait(int timeout_ms) {
   return ::read(fd[0], &c, 1) == 1;
 }
 
-std::string capture_stdout(const std::function<void()>& fn) {
-  fflush(stdout);
+Holder::Holder(const std::function<void()>& take, const std::function<void()>& give) {
+  pid = start_child([&] {
+    ::alarm(10);
+    take();
+    took_.post();
+    go_.wait(-1);
+    give();
+    return 0;
+  });
+}
+Holder::~Holder() {
+  if (pid > 0) kill();
+}
+int Holder::finish() {
+  go_.post();
+  return reap();
+}
+int Holder::kill() {
+  ::kill(pid, SIGKILL);
+  return reap();
+}
+int Holder::reap() {
+  int status = wait_child(pid);
+  pid = -1;
+  return status;
+}
+
+namespace {
+std::string capture_fd(int fd, FILE* stream, const std::function<void()>& fn) {
+  fflush(stream);
   int p[2];
   if (::pipe(p) != 0) abort();
-  int saved = ::dup(1);
-  ::dup2(p[1], 1);
+  int saved = ::dup(fd);
+  ::dup2(p[1], fd);
   ::close(p[1]);
   fn();
-  fflush(stdout);
-  ::dup2(saved, 1);
+  fflush(stream);
+  ::dup2(saved, fd);
   ::close(saved);
   std::string out;
   char buf[4096];
@@ -98,6 +165,10 @@ std::string capture_stdout(const std::function<void()>& fn) {
   ::close(p[0]);
   return out;
 }
+}  // namespace
+
+std::string capture_stdout(const std::function<void()>& fn) { return capture_fd(1, stdout, fn); }
+std::string capture_stderr(const std::function<void()>& fn) { return capture_fd(2, stderr, fn); }
 
 MiniRegion::MiniRegion() {
   header_base = map_new_file("/dev/cmdb/cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "gikraidrum.h"
 
@@ -35,8 +36,35 @@ struct Signal {
   bool wait(int timeout_ms = 5000);
 };
 
-// Standard output of fn, captured through a pipe.
+// A child process that runs `take`, reports it, and runs `give` when released.
+// An alarm ends it after 10 s, so a lock that never comes fails instead of hanging.
+class Holder {
+ public:
+  Holder(const std::function<void()>& take, const std::function<void()>& give);
+  ~Holder();  // kills and reaps a child still running
+  Holder(const Holder&) = delete;
+  Holder& operator=(const Holder&) = delete;
+  bool held(int timeout_ms = 5000) { return took_.wait(timeout_ms); }
+  int finish();  // releases the child; its exit status as run_child gives it
+  int kill();    // SIGKILL; its status
+  pid_t pid = -1;
+
+ private:
+  int reap();
+  Signal took_, go_;
+};
+
+// What fn writes to standard output (or standard error), captured through a pipe.
 std::string capture_stdout(const std::function<void()>& fn);
+std::string capture_stderr(const std::function<void()>& fn);
+
+// Length of a file, or -1 when it is missing; its bytes (empty when missing).
+long file_size(const std::string& path);
+std::vector<uint8_t> read_file(const std::string& path);
+// Lines of /proc/self/maps whose path starts with `prefix`, and this process's
+// open descriptors: what a detach must leave as it found them.
+std::vector<std::string> mappings_of(const std::string& prefix);
+std::vector<std::string> open_fds();
 
 // The header and debug zone as creation lays them out, mapped into this process
 // the way an attached process has them (cmdb.header, cmdb.debug_zone,

@@ -1,0 +1,263 @@
+// Change events, receiver side. A daemon binds "/tmp/EVENT_D_<name>", installs
+// handlers per gid (registering itself in the shared table as it goes), and
+// from its own loop hands each arriving datagram to the handlers of its gid.
+// All of this state is the process's own and is used from one thread.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include "event/event_internal.h"
+#include "util/util_internal.h"
+
+namespace event {
+namespace {
+
+constexpr int kEventCbs = 40;
+constexpr int kHandlersPerGid = 4;
+constexpr uint32_t kHeaderBytes = sizeof(cmdb_event_msg_t);
+
+struct HandlerSlot {
+  uint8_t act;                 // classes this handler wants
+  uint8_t flags;               // as registered
+  cmdb_event_handler handler;  // null: free
+};
+// One gid's handlers; used entries come first, obj 0 ends the list.
+struct EventCb {
+  uint16_t obj;
+  HandlerSlot handlers[kHandlersPerGid];  // used slots first
+};
+
+char g_event_process[20];  // empty: not initialised
+int g_event_sockfd = -1;
+EventCb g_event_cb[kEventCbs];
+
+void set_process(const char* process) {
+  cmdb_strcpy(g_event_process, process);
+  memset(g_event_cb, 0, sizeof g_event_cb);
+}
+
+ssize_t recv_retry(int fd, void* buf, size_t len, int flags) {
+  ssize_t n;
+  do {
+    n = ::recv(fd, buf, len, flags);
+  } while (n < 0 && errno == EINTR);
+  return n;
+}
+
+// Drops the datagram at the head of the queue without reading it into memory
+// of its size; returns its real length.
+ssize_t discard_datagram(int fd) {
+  cmdb_event_msg_t head;
+  return recv_retry(fd, &head, sizeof head, MSG_TRUNC | MSG_DONTWAIT);
+}
+
+}  // namespace
+
+int adopt_receiver_socket(const char* process, int fd) {
+  set_process(process);
+  int old = g_event_sockfd;
+  g_event_sockfd = fd;
+  return old;
+}
+
+}  // namespace event
+
+using event::g_event_cb;
+using event::g_event_process;
+using event::g_event_sockfd;
+
+extern "C" {
+
+GK_API int cmdb_event_init(const char* process, int nonblock) noexcept {
+  const pid_t pid = util::self_pid();
+  event::set_process(process);
+  // A second init replaces the receiver; its old socket would otherwise leak.
+  if (g_event_sockfd >= 0) ::close(g_event_sockfd);
+  g_event_sockfd = -1;
+
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  size_t path_len = event::socket_path(addr.sun_path, g_event_process);
+  // The file outlives the process that bound it; a restarted daemon takes its name back.
+  ::unlink(addr.sun_path);
+
+  int result;
+  util::UniqueFd sock(::socket(AF_UNIX, SOCK_DGRAM, 0));
+  if (!sock.valid()) {
+    dbg_cmdb(3, "%d,%s, %s:%d: socket failed\n", pid, g_event_process, "cmdb_event_daemon", 76);
+    result = -1;
+  } else if (::bind(sock.get(), reinterpret_cast<sockaddr*>(&addr),
+                    static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_len)) != 0) {
+    dbg_cmdb(3, "%d,%s, %s:%d: bind failed\n", pid, g_event_process, "cmdb_event_daemon", 82);
+    result = -83;
+  } else if (int fl = nonblock != 0 ? ::fcntl(sock.get(), F_GETFL) : 0; fl < 0) {
+    result = -91;
+  } else if (nonblock != 0 && ::fcntl(sock.get(), F_SETFL, fl | O_NONBLOCK) != 0) {
+    result = -98;
+  } else {
+    result = sock.release();
+  }
+  g_event_sockfd = result;
+  return result;
+}
+
+GK_API int register_cmdb_event(uint16_t gid, uint8_t act, uint8_t flags,
+                               cmdb_event_handler handler) noexcept {
+  if (gid == 0 || g_event_process[0] == '\0' || handler == nullptr) return 0;
+  const pid_t pid = util::self_pid();
+  event::EventCb* ecb = nullptr;
+  for (event::EventCb& e : g_event_cb) {
+    if (e.obj == gid) {
+      ecb = &e;
+      break;
+    }
+    if (e.obj == 0) {
+      e.obj = gid;
+      ecb = &e;
+      break;
+    }
+  }
+  if (ecb == nullptr) {
+    dbg_cmdb_event(0, "%d:%s no event_cb available!\n", pid, "register_cmdb_event");
+    return -1;
+  }
+  dbg_cmdb_event(0, "%d:%s pid=[%s],obj==[%d]\n", pid, "register_cmdb_event", g_event_process, gid);
+  for (event::HandlerSlot& slot : ecb->handlers) {
+    if (slot.handler == handler) {
+      dbg_cmdb_event(0, "%d:%s duplicated handler for pid %d\n", pid, "register_cmdb_event", gid);
+      return -2;
+    }
+    if (slot.handler != nullptr) continue;
+    // The shared table keeps one slot per process and gid: the latest handler's act and flags win.
+    if (cmdb_register_event(g_event_process, gid, act, flags) != 0) {
+      dbg_cmdb_event(0, "%d:%s register failed %d\n", pid, "register_cmdb_event", gid);
+      return -3;
+    }
+    slot = {act, flags, handler};
+    return 0;
+  }
+  return -4;
+}
+
+GK_API void unregister_cmdb_event(uint16_t gid, cmdb_event_handler handler) noexcept {
+  if (gid == 0) return;
+  int e = 0;
+  for (; e < event::kEventCbs; ++e) {
+    if (g_event_cb[e].obj == 0) {
+      dbg_cmdb_event(0, "%d:%s 1: Fail to find event for gid %d\n", util::self_pid(), "unregister_cmdb_event",
+                     gid);
+      return;
+    }
+    if (g_event_cb[e].obj == gid) break;
+  }
+  if (e == event::kEventCbs || handler == nullptr) return;
+  event::EventCb& ecb = g_event_cb[e];
+  int h = 0;
+  while (h < event::kHandlersPerGid && ecb.handlers[h].handler != handler) ++h;
+  if (h == event::kHandlersPerGid) return;
+  memmove(&ecb.handlers[h], &ecb.handlers[h + 1],
+          sizeof(event::HandlerSlot) * (event::kHandlersPerGid - 1 - h));
+  ecb.handlers[event::kHandlersPerGid - 1] = {};
+  cmdb_unregister_event(g_event_process, gid);
+  if (h == 0) {  // the first handler takes the whole entry with it
+    memmove(&g_event_cb[e], &g_event_cb[e + 1], sizeof(event::EventCb) * (event::kEventCbs - 1 - e));
+    g_event_cb[event::kEventCbs - 1] = {};
+  }
+}
+
+GK_API int do_cmdb_event_handling(void) noexcept {
+  constexpr const char* kFn = "do_cmdb_event_handling";
+  const int fd = g_event_sockfd;
+  const pid_t pid = util::self_pid();
+  cmdb_event_msg_t head;
+  if (event::recv_retry(fd, &head, sizeof head, MSG_PEEK) != static_cast<ssize_t>(sizeof head)) return 0;
+
+  // Any process can write to the socket: a header is trusted for nothing before it is checked
+  // against the datagram, and an unlikely size is first compared with the kernel's own length.
+  const uint32_t total = head.total_size;
+  if (total < event::kHeaderBytes ||
+      (total > event::kTrustedMessageBytes &&
+       event::recv_retry(fd, &head, sizeof head, MSG_PEEK | MSG_TRUNC) != static_cast<ssize_t>(total))) {
+    ssize_t real = event::discard_datagram(fd);
+    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(real),
+                   static_cast<int>(total));
+    return -1;
+  }
+  auto* msg = static_cast<cmdb_event_msg_t*>(malloc(total));
+  if (msg == nullptr) {
+    dbg_cmdb_event(0, "%d:%s malloc failed\n", pid, kFn);
+    return -1;  // still queued: the next call tries again
+  }
+  // MSG_TRUNC makes a longer datagram than announced show its real length.
+  ssize_t got = event::recv_retry(fd, msg, total, MSG_TRUNC);
+  if (got != static_cast<ssize_t>(total)) {
+    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(got),
+                   static_cast<int>(total));
+    free(msg);
+    return -1;
+  }
+  const uint64_t blocks =
+      (msg->data1 != 0 ? uint64_t{msg->data_size} : 0) + (msg->data2 != 0 ? uint64_t{msg->data_size} : 0);
+  if (event::kHeaderBytes + blocks > total) {
+    dbg_cmdb_event(0, "%d:%s bad message: data_size=[%d], total_size=[%d]\n", pid, kFn,
+                   static_cast<int>(msg->data_size), static_cast<int>(total));
+    free(msg);
+    return -1;
+  }
+  dbg_cmdb_event(0, "%d:%s gid=[%d],act=[%x],data_size=[%d]\n", pid, kFn, msg->gid, msg->act,
+                 static_cast<int>(msg->data_size));
+
+  // The sender's addresses mean nothing here: point them at this copy.
+  auto* base = reinterpret_cast<uint8_t*>(msg);
+  uint32_t cursor = event::kHeaderBytes;
+  if (msg->data1 != 0) {
+    msg->data1 = reinterpret_cast<uintptr_t>(base + cursor);
+    cursor += msg->data_size;
+  }
+  if (msg->data2 != 0) {
+    msg->data2 = reinterpret_cast<uintptr_t>(base + cursor);
+    cursor += msg->data_size;
+  }
+  if (msg->desc != 0) msg->desc = reinterpret_cast<uintptr_t>(base + cursor);
+
+  int e = 0;
+  for (; e < event::kEventCbs && g_event_cb[e].obj != msg->gid; ++e) {
+    if (g_event_cb[e].obj == 0) {
+      dbg_cmdb_event(0, "%d:%s 2: Fail to find event for gid %d\n", pid, kFn, msg->gid);
+      free(msg);
+      return -1;
+    }
+  }
+  if (e == event::kEventCbs) {
+    dbg_cmdb_event(0, "%d:%s 3: Fail to find event for gid %d\n", pid, kFn, msg->gid);
+    free(msg);
+    return -1;
+  }
+  dbg_cmdb_event(0, "%d:%s i=[%d],ecb.obj=[%d]\n", pid, kFn, e, g_event_cb[e].obj);
+  // Handlers may install or remove handlers: walk a snapshot of this gid's slots.
+  const event::EventCb ecb = g_event_cb[e];
+  const uint8_t cls = msg->act;
+  for (const event::HandlerSlot& slot : ecb.handlers)
+    if ((slot.act & cls) != 0 && slot.handler != nullptr) slot.handler(msg);
+  free(msg);
+  return 0;
+}
+
+GK_API void cmdb_event_cleanup(void) noexcept {
+  if (g_event_process[0] != '\0')
+    for (const event::EventCb& e : g_event_cb) {
+      if (e.obj == 0) break;
+      cmdb_unregister_event(g_event_process, e.obj);
+    }
+  dbg_cmdb_event(0, "%d:%s enter cmdb_event_cleanup, event_process=%s\n", util::self_pid(),
+                 "cmdb_event_cleanup", g_event_process);
+  g_event_process[0] = '\0';
+  if (g_event_sockfd >= 0) ::close(g_event_sockfd);
+  g_event_sockfd = -1;
+}
+
+}  // extern "C"

@@ -1,0 +1,49 @@
+// The change events' interface to the other subsystems, the tests and the fuzzer.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "gikraidrum.h"
+
+namespace event {
+
+// Event classes: one bit each in a message's act, any mix in a registration's.
+inline constexpr uint8_t kClassReload = 0x40;
+
+// What an act of cmdb_event_call_daemon announces: its class, the data blocks
+// that go with it to receivers that want data, and the result when one of
+// those blocks is missing. A class of 0 means the act announces nothing.
+enum Block : uint8_t { kNoBlock = 0, kFirstBlock = 1, kSecondBlock = 2, kBothBlocks = 3 };
+struct ActClass {
+  uint8_t cls;
+  uint8_t blocks;  // Block bits
+  int8_t missing;  // result when a needed block is missing
+};
+ActClass class_of_act(uint8_t act);
+
+// Writes "/tmp/EVENT_D_<name>" into the kSocketPathBytes at `path` (so a name
+// counts with its first 16 characters only) and returns the path's length: the
+// socket address length less 2.
+inline constexpr size_t kSocketPathBytes = 30;
+size_t socket_path(char* path, const char* process);
+
+// Builds and sends one message to `process`. 0 when the message was handed to
+// the socket layer or dropped, -1 when no socket or no memory could be had.
+// A receiver that is gone is removed from gid's record.
+// REQUIRES: event table lock held exclusive.
+int sendto_daemon(const char* process, uint16_t gid, uint8_t cls, const void* data1, const void* data2,
+                  uint32_t size, const void* desc);
+
+// The largest total_size the receiver allocates without first asking the
+// kernel for the datagram's real length; it covers every message this library
+// sends for nodes up to 64 KiB with a descriptor of up to 64 KiB.
+inline constexpr uint32_t kTrustedMessageBytes = 48 + 2 * 65535 + 65536;
+
+// Makes `fd` the receiver's socket under the name `process`, as cmdb_event_init
+// does after binding, with an empty handler table. Lets tests and the fuzzer
+// feed the receiver through a socketpair. Returns the descriptor it replaced,
+// which the caller now owns.
+int adopt_receiver_socket(const char* process, int fd);
+
+}  // namespace event
