@@ -16,6 +16,11 @@ using gk::test::captured_log;
 using gk::test::map_region_file;
 using gk::test::NodeSpace;
 
+// Allocator blocks come from a private allocator region per test.
+class DomainTest : public ::testing::Test {
+  gk::test::AllocRegion alloc_;
+};
+
 // The three domain sub-regions, kept as the writers keep them: both indexes
 // sorted, records in storage order.
 struct Domains {
@@ -44,7 +49,7 @@ struct Domains {
   uint32_t *by_id, *by_name;
 };
 
-TEST(DomainTest, NoDomains) {
+TEST_F(DomainTest, NoDomains) {
   EXPECT_EQ(-1, __cmdb_find_find_last_domain_index());  // not mapped
   Domains d;
   uint32_t count = 99;
@@ -62,7 +67,7 @@ TEST(DomainTest, NoDomains) {
   EXPECT_EQ(42u, cmf_get_cur_domain_id());
 }
 
-TEST(DomainTest, LookupsByIdAndByNameInEveryMode) {
+TEST_F(DomainTest, LookupsByIdAndByNameInEveryMode) {
   Domains d;
   d.add("sales", 30), d.add("finance", 10), d.add("lab", 20), d.add("Root", 40);
   const int by_id[][4] = {{10, 1, 0, 0}, {20, 2, 1, 1}, {40, 3, 3, 3}, {5, -1, -1, 0}, {35, -1, -1, 3}, {99, -1, -1, 4}};
@@ -95,7 +100,7 @@ TEST(DomainTest, LookupsByIdAndByNameInEveryMode) {
   for (int recno : {-1, 4}) EXPECT_EQ(-1, cmf_shm_domain_info(recno, buf, 5, &id));
 }
 
-TEST(DomainTest, IterationSwitchesAndRestoresTheCurrentDomain) {
+TEST_F(DomainTest, IterationSwitchesAndRestoresTheCurrentDomain) {
   Domains d;
   d.add("c", 30), d.add("a", 10), d.add("b", 20);
   struct Seen {
@@ -122,7 +127,7 @@ TEST(DomainTest, IterationSwitchesAndRestoresTheCurrentDomain) {
   EXPECT_EQ(5u, cmf_get_cur_domain_id());
 }
 
-TEST(DomainTest, RootEntitiesByScope) {
+TEST_F(DomainTest, RootEntitiesByScope) {
   NodeSpace ns;
   for (auto [gid, scope] : {std::pair{100, 0}, {200, 2}, {300, 3}, {400, 2}})
     ns.add({static_cast<uint16_t>(gid), 4, 0, 4, 0, 0, static_cast<uint8_t>(scope)});
@@ -147,7 +152,7 @@ TEST(DomainTest, RootEntitiesByScope) {
   EXPECT_EQ(nullptr, cmdb_find_domain_by_name("eight"));
 }
 
-TEST(DomainTest, IdIndexResortedByAnotherProcess) {
+TEST_F(DomainTest, IdIndexResortedByAnotherProcess) {
   Domains d;
   for (uint32_t id : {50u, 10u, 40u, 20u, 30u}) d.add("d" + std::to_string(id), id);
   std::reverse(d.by_id, d.by_id + 5);
@@ -161,7 +166,7 @@ TEST(DomainTest, IdIndexResortedByAnotherProcess) {
   EXPECT_EQ((std::vector<uint32_t>{0, 2, 4, 3, 1}), d.ids());
 }
 
-TEST(DomainTest, DamagedIndexesAreNotFollowed) {
+TEST_F(DomainTest, DamagedIndexesAreNotFollowed) {
   Domains d;
   d.add("a", 1), d.add("b", 2);
   d.by_id[1] = 9;  // a record past the count

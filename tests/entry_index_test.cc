@@ -16,6 +16,11 @@ using gk::test::NodeSpace;
 using gk::test::TableFixture;
 using Slots = std::vector<uint32_t>;
 
+// Allocator blocks come from a private allocator region per test.
+class EntryIndexTest : public ::testing::Test {
+  gk::test::AllocRegion alloc_;
+};
+
 std::string format(const char* fmt, const void* a, const void* b, int action) {
   char buf[256];
   snprintf(buf, sizeof buf, fmt, a, b, action);
@@ -41,7 +46,7 @@ struct U32Table : TableFixture {
   const void* last_key = nullptr;
 };
 
-TEST(EntryIndexTest, EmptyIndexFindsNothingAndGrowsOnFirstInsert) {
+TEST_F(EntryIndexTest, EmptyIndexFindsNothingAndGrowsOnFirstInsert) {
   NodeSpace ns;
   U32Table t(ns);
   const uint32_t before = t.table()->index;
@@ -53,7 +58,7 @@ TEST(EntryIndexTest, EmptyIndexFindsNothingAndGrowsOnFirstInsert) {
   EXPECT_EQ(0, t.find(5));
 }
 
-TEST(EntryIndexTest, InsertRenumbersFromThePosition) {
+TEST_F(EntryIndexTest, InsertRenumbersFromThePosition) {
   NodeSpace ns;
   U32Table t(ns, {10, 20, 30});
   ASSERT_EQ(0, t.insert_at(3, 15));  // appended: no slot changes
@@ -65,7 +70,7 @@ TEST(EntryIndexTest, InsertRenumbersFromThePosition) {
   for (uint32_t absent : {0u, 12u, 31u}) EXPECT_EQ(-1, t.find(absent));
 }
 
-TEST(EntryIndexTest, RefusalsAreReported) {
+TEST_F(EntryIndexTest, RefusalsAreReported) {
   NodeSpace ns;
   U32Table t(ns, {1, 2, 3});
   const char* dup = "entry %p:%p duplicated action=%d,cmf_shm_api,__cmf_svr_binary_find_index,353.\n";
@@ -94,7 +99,7 @@ TEST(EntryIndexTest, RefusalsAreReported) {
   EXPECT_EQ(16, t.index()->count);
 }
 
-TEST(EntryIndexTest, RepositionToEitherEndAndBetween) {
+TEST_F(EntryIndexTest, RepositionToEitherEndAndBetween) {
   NodeSpace ns;
   U32Table t(ns, {10, 20, 30, 40, 50});
   struct {
@@ -113,7 +118,7 @@ TEST(EntryIndexTest, RepositionToEitherEndAndBetween) {
   EXPECT_EQ(-1, t.find(36));
 }
 
-TEST(EntryIndexTest, DeleteRenumbersAndShrinksPast16FreeSlots) {
+TEST_F(EntryIndexTest, DeleteRenumbersAndShrinksPast16FreeSlots) {
   NodeSpace ns;
   U32Table t(ns, {40, 10, 30, 20});
   ASSERT_EQ(0, t.erase(2));
@@ -134,7 +139,7 @@ TEST(EntryIndexTest, DeleteRenumbersAndShrinksPast16FreeSlots) {
   }
 }
 
-TEST(EntryIndexTest, FindThroughTheTableChecksTheIndexBlock) {
+TEST_F(EntryIndexTest, FindThroughTheTableChecksTheIndexBlock) {
   NodeSpace ns;
   U32Table t(ns, {7, 3});
   uint32_t k = 3;
@@ -160,7 +165,7 @@ TEST(EntryIndexTest, FindThroughTheTableChecksTheIndexBlock) {
   EXPECT_EQ(-1, __cmf_svr_find_table_entry(t.table(), &k));
 }
 
-TEST(EntryIndexTest, StringKeysInVersionOrderAndLocators) {
+TEST_F(EntryIndexTest, StringKeysInVersionOrderAndLocators) {
   NodeSpace ns;
   TableFixture t(ns, 70, 2, 16, 0, 20, 0, 16);
   for (const char* k : {"10.0.0.10", "a10", "10.0.0.9", "a2", "b", "10.0.0.100"}) {
@@ -232,7 +237,7 @@ struct VersionKey {
   bool operator<(const VersionKey& o) const { return strverscmp(text, o.text) < 0; }
 };
 
-TEST(EntryIndexTest, RandomizedAgainstSortedModel) {
+TEST_F(EntryIndexTest, RandomizedAgainstSortedModel) {
   NodeSpace ns;
   std::mt19937 rng(20240611);
   TableFixture ints(ns, 80, 0, 4, 0, 8, 1, 1600);

@@ -12,6 +12,11 @@ namespace {
 using gk::test::captured_log;
 using gk::test::NodeSpace;
 
+// Allocator blocks come from a private allocator region per test.
+class InstanceLookupTest : public ::testing::Test {
+  gk::test::AllocRegion alloc_;
+};
+
 // A child block of `kind` naming `gid` where that kind keeps it (high bits noise).
 uint32_t make_child(uint32_t kind, uint16_t gid) {
   uint32_t shmid = 0;
@@ -21,7 +26,7 @@ uint32_t make_child(uint32_t kind, uint16_t gid) {
   return shmid;
 }
 
-TEST(InstanceLookupTest, ChildOfAnObject) {
+TEST_F(InstanceLookupTest, ChildOfAnObject) {
   uint32_t shmid = 0;
   auto* obj = static_cast<cmdb_object_block_t*>(cmf_shm_alloc(64, &shmid));
   obj->kind = CMDB_BLK_OBJECT, obj->nchild = 6;
@@ -41,7 +46,7 @@ TEST(InstanceLookupTest, ChildOfAnObject) {
   EXPECT_EQ(nullptr, cmdb_find_child_obj(obj, 11, nullptr, 0));
 }
 
-TEST(InstanceLookupTest, ChildOfATableEntryByPositionAndByKey) {
+TEST_F(InstanceLookupTest, ChildOfATableEntryByPositionAndByKey) {
   NodeSpace ns;
   gk::test::TableFixture t(ns, 60, 0, 4, 0, 8, 2, 8);
   for (uint32_t k : {100u, 200u, 300u}) ASSERT_EQ(0, t.insert_at(t.table()->count, &k));
@@ -70,7 +75,7 @@ TEST(InstanceLookupTest, ChildOfATableEntryByPositionAndByKey) {
   for (int pos : {3, -1}) EXPECT_EQ(nullptr, cmf_find_table_child_table(t.table(), pos, 22)) << pos;
 }
 
-TEST(InstanceLookupTest, EntryLocator) {
+TEST_F(InstanceLookupTest, EntryLocator) {
   uint32_t roots[6] = {1};
   for (int g = 0; g < 5; ++g) {
     auto* b = static_cast<cmdb_locator_block_t*>(cmf_shm_alloc(12 + 16 * 16, &roots[1 + g]));
@@ -92,7 +97,7 @@ TEST(InstanceLookupTest, EntryLocator) {
   EXPECT_TRUE(zero(0x02000007));
 }
 
-TEST(InstanceLookupTest, DevicesAndServices) {
+TEST_F(InstanceLookupTest, DevicesAndServices) {
   EXPECT_EQ(nullptr, cmf_find_device_entry(1));  // not mapped
   auto* d = static_cast<cmdb_device_table_t*>(gk::test::map_region_file("devices", 11332));
   cmdb.devices = d;
@@ -118,7 +123,7 @@ TEST(InstanceLookupTest, DevicesAndServices) {
   for (uint32_t gid : {0u, 11u, 10u + 7 * 164}) EXPECT_EQ(nullptr, cmf_find_service_by_gid(gid)) << gid;
 }
 
-TEST(InstanceLookupTest, FilterMatch) {
+TEST_F(InstanceLookupTest, FilterMatch) {
   NodeSpace ns;
   const uint8_t data_part[28] = {'N', 'a', 'm', 'e', 0, 0, 0, 0, 'H', 'o', 's', 't', 0, 0, 0, 0,
                                  'Z', 'o', 'n', 'e', 0, 0, 0, 0, 0x2A, 0, 0, 0x01};

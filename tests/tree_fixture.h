@@ -13,19 +13,10 @@
 #include <vector>
 
 #include "gikraidrum.h"
+#include "tests/alloc_fixture.h"
+#include "tests/node_fixture.h"
 
 namespace gk::test {
-
-inline void* map_region_file(const char* name, size_t len, void* at = nullptr) {
-  char path[128];
-  snprintf(path, sizeof path, "/dev/cmdb/%s", name);
-  int fd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(len)) != 0) abort();
-  void* p = ::mmap(at, len, PROT_READ | PROT_WRITE, MAP_SHARED | (at != nullptr ? MAP_FIXED : 0), fd, 0);
-  ::close(fd);
-  if (p == MAP_FAILED) abort();
-  return p;
-}
 
 struct NodeSpec {
   uint16_t gid;

@@ -36,15 +36,26 @@ TEST(TreeNodeTest, LookupByGidNeverLeavesTheMappings) {
   EXPECT_EQ(nullptr, tree::node_at(8192 - 8));
 }
 
+// The file `name` at `len` bytes, mapped over `at`.
+void* map_file_at(const char* name, size_t len, void* at) {
+  char path[64];
+  snprintf(path, sizeof path, CMDB_DIR "%s", name);
+  int fd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(len)) != 0) return nullptr;
+  void* p = ::mmap(at, len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, fd, 0);
+  ::close(fd);
+  return p == MAP_FAILED ? nullptr : p;
+}
+
 TEST(TreeNodeTest, RegionRebuiltAtTheSameAddressIsJudgedAfresh) {
   void* room = ::mmap(nullptr, 1 << 16, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   ASSERT_NE(MAP_FAILED, room);
   auto* index = static_cast<uint32_t*>(gk::test::map_region_file("cmdb_node_index", 7444));
   cmdb.cmdb_node_index = index;
-  cmdb.cmdb_node = gk::test::map_region_file("cmdb_node", 4096, room);
+  cmdb.cmdb_node = map_file_at("cmdb_node", 4096, room);
   index[9] = 5000;
   EXPECT_EQ(nullptr, tree::find_node(9));  // past the small mapping
-  ASSERT_EQ(room, gk::test::map_region_file("cmdb_node", 1 << 16, room));
+  ASSERT_EQ(room, map_file_at("cmdb_node", 1 << 16, room));
   reinterpret_cast<cmdb_node_t*>(static_cast<char*>(room) + 5000)->gid = 9;
   EXPECT_EQ(static_cast<char*>(room) + 5000, reinterpret_cast<const char*>(tree::find_node(9)));
   cmdb.cmdb_node = cmdb.cmdb_node_index = nullptr;
