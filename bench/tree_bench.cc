@@ -25,15 +25,17 @@ uint32_t scramble(uint32_t i) { return i * 2654435761u; }  // a bijection: disti
 // has key i scrambled), with its index built in one go, and the keys of all
 // entries in a random probe order.
 struct BenchTable {
-  BenchTable(uint32_t n, bool strings) : ns(1 << 16), n(n) {
+  BenchTable(uint32_t n, bool strings) : n(n) {
     const uint8_t type = strings ? 2 : 0;
     const uint16_t size = strings ? kKeyBytes : 4;
     cmdb_node_t* t = ns.add({100, 2, 0, static_cast<uint16_t>(size + 8), 0, 1});
     cmdb_node_t* e = ns.add({101, 1, 0, static_cast<uint16_t>(size + 8), 4, 1}, t);
     ns.add({102, 5, type, size, 4}, e);
     const uint32_t entry = size + 8 + 8;
+    uint32_t index_shmid = 0;
+    auto* ix = static_cast<cmdb_entry_index_t*>(cmf_shm_alloc(16 + 4 * n, &index_shmid));
     table = static_cast<cmdb_table_block_t*>(cmf_shm_alloc(32 + entry * n, &table_shmid));
-    auto* ix = static_cast<cmdb_entry_index_t*>(cmf_shm_alloc(16 + 4 * n, &table->index));
+    table->index = index_shmid;
     table->kind = CMDB_BLK_TABLE, table->gid = 100, table->count = static_cast<int32_t>(n);
     ix->kind = CMDB_BLK_INDEX, ix->key_gid = 102, ix->capacity = ix->count = static_cast<int32_t>(n);
     for (uint32_t i = 0; i < n; ++i) write_key(static_cast<uint8_t*>(cmf_get_entry_data(table, i)) + 4, i, strings);
@@ -60,6 +62,7 @@ struct BenchTable {
   const cmdb_node_t* tree_key() const { return reinterpret_cast<const cmdb_node_t*>(ns.base + ns.index[102]); }
   const void* probe(size_t j) const { return &probes[(j % n) * key_size]; }
 
+  gk::test::AllocRegion alloc;
   gk::test::NodeSpace ns;
   uint32_t n;
   uint32_t table_shmid = 0;
