@@ -44,7 +44,7 @@ int append(cmf_buf_t* b, const void* src, int n) {
     n = static_cast<int>(sl);
   }
   const auto* s = static_cast<const char*>(src);
-  if (uint64_t{b->size} <= uint64_t{b->len} + static_cast<uint64_t>(n) + 1) {
+  if (b->data == nullptr || uint64_t{b->size} <= uint64_t{b->len} + static_cast<uint64_t>(n) + 1) {
     // A source inside our own block would dangle once it moves.
     const bool inside = s != nullptr && b->data != nullptr && s >= b->data && s < b->data + b->size;
     const ptrdiff_t at = inside ? s - b->data : 0;
