@@ -173,10 +173,7 @@ GK_API void dbg_cmdb_event(int level, const char* fmt, ...) noexcept {
   if (std::atomic_ref<int32_t>(*word).load(std::memory_order_relaxed) <= level) return;
   va_list ap;
   va_start(ap, fmt);
-  if (cmdb.flags & CMDB_FLAG_DEBUG)
-    vprintf(fmt, ap);
-  else
-    do_message(fmt, ap);
+  util::emit_log(fmt, ap);
   va_end(ap);
 }
 

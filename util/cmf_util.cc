@@ -5,6 +5,14 @@
 #include <atomic>
 
 #include "gikraidrum.h"
+#include "util/util_internal.h"
+
+void util::emit_log(const char* fmt, va_list ap) {
+  if (cmdb.flags & CMDB_FLAG_DEBUG)
+    vprintf(fmt, ap);
+  else
+    do_message(fmt, ap);
+}
 
 extern "C" GK_API void dbg_cmdb(uint32_t level, const char* fmt, ...) noexcept {
   if (cmdb_header_t* h = cmdb.header; h != nullptr) {
@@ -14,9 +22,6 @@ extern "C" GK_API void dbg_cmdb(uint32_t level, const char* fmt, ...) noexcept {
   }
   va_list ap;
   va_start(ap, fmt);
-  if (cmdb.flags & CMDB_FLAG_DEBUG)
-    vprintf(fmt, ap);
-  else
-    do_message(fmt, ap);
+  util::emit_log(fmt, ap);
   va_end(ap);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <errno.h>
+#include <stdarg.h>
 #include <unistd.h>
 
 #include <utility>
@@ -42,6 +43,10 @@ class UniqueFd {
 
 // The program's short name, as messages print it.
 const char* progname();
+
+// Writes one log message: to standard output while the process's debug bit is
+// set, else to the host's do_message. Filtering is the caller's.
+void emit_log(const char* fmt, va_list ap);
 
 // The caller's pid without a system call: cached, and refreshed in a forked child.
 pid_t self_pid();
