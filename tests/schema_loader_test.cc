@@ -1,0 +1,407 @@
+// The schema loader: descriptors byte for byte, the shipped example, and every
+// class of bad file reported with its line and field.
+#include "tools/schema/schema_loader.h"
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+// Read before main enters the sandbox, whose tmpfs on /tmp would hide a
+// checkout that lives there.
+const std::string kExample = [] {
+  std::ifstream in(GK_SOURCE_DIR "/examples/appliance.json");
+  std::ostringstream s;
+  s << in.rdbuf();
+  return s.str();
+}();
+
+// What one descriptor should be: its plain bytes, and what its pointers reach.
+struct Want {
+  Want(const cmdb_node_desc_t& desc, const char* node_name, const char* node_help)
+      : d(desc), name(node_name), help(node_help) {}
+  cmdb_node_desc_t d;
+  const char* name;
+  const char* help;
+  std::vector<uint8_t> defaults;
+  std::optional<cmdb_sql_desc_t> sql;
+  std::vector<const char*> sql_names;  // short1, short2, long1, long2 (null for none)
+  uint32_t source_word = 0;
+  std::vector<Want> children;
+};
+
+cmdb_node_desc_t desc(uint32_t gid, uint8_t kind, uint8_t type_scope, uint16_t size, uint16_t offset) {
+  cmdb_node_desc_t d;
+  memset(&d, 0, sizeof d);
+  d.gid = gid;
+  d.kind = kind;
+  d.type_scope = type_scope;
+  d.size = size;
+  d.offset = offset;
+  return d;
+}
+
+cmdb_node_desc_t without_pointers(const cmdb_node_desc_t& in) {
+  cmdb_node_desc_t d = in;
+  d.name = d.help = nullptr;
+  d.defaults = d.source = nullptr;
+  d.children = nullptr;
+  d.nchild = 0;  // compared against the expected children instead
+  return d;
+}
+
+void expect_same(const cmdb_node_desc_t* got, const Want& want) {
+  SCOPED_TRACE(want.name);
+  cmdb_node_desc_t g = without_pointers(*got), w = without_pointers(want.d);
+  EXPECT_EQ(0, memcmp(&g, &w, sizeof g)) << "flags a/b/c " << +got->flags_a << "/" << +got->flags_b << "/"
+                                         << +got->flags_c << ", type_scope " << +got->type_scope;
+  EXPECT_STREQ(want.name, got->name);
+  EXPECT_STREQ(want.help, got->help);
+  if (want.defaults.empty()) {
+    EXPECT_EQ(nullptr, got->defaults);
+  } else {
+    ASSERT_NE(nullptr, got->defaults);
+    ASSERT_EQ(want.defaults.size(), got->size);
+    EXPECT_EQ(want.defaults, std::vector<uint8_t>(static_cast<uint8_t*>(got->defaults),
+                                                  static_cast<uint8_t*>(got->defaults) + got->size));
+  }
+  if (want.sql) {
+    ASSERT_NE(nullptr, got->source);
+    cmdb_sql_desc_t s = *static_cast<const cmdb_sql_desc_t*>(got->source);
+    const char* names[] = {s.short1, s.short2, s.long1, s.long2};
+    for (int i = 0; i < 4; ++i)
+      EXPECT_TRUE(want.sql_names[i] ? names[i] && !strcmp(want.sql_names[i], names[i]) : !names[i]) << i;
+    s.short1 = s.short2 = s.long1 = s.long2 = nullptr;
+    EXPECT_EQ(0, memcmp(&s, &*want.sql, sizeof s));
+  } else if (want.source_word != 0) {
+    ASSERT_NE(nullptr, got->source);
+    EXPECT_EQ(want.source_word, *static_cast<const uint32_t*>(got->source));
+  } else {
+    EXPECT_EQ(nullptr, got->source);
+  }
+  ASSERT_EQ(want.children.size(), got->nchild);
+  EXPECT_EQ(want.children.empty(), got->children == nullptr);
+  for (size_t i = 0; i < want.children.size(); ++i) expect_same(got->children[i], want.children[i]);
+}
+
+TEST(SchemaLoader, BuildsTheDescriptorsAHostWouldBuildByHand) {
+  const char* text = R"({
+    "platform": 3,
+    "nodes": [
+      { "name": "sys", "help": "settings", "gid": 10, "kind": 4, "size": 16,
+        "flags": { "node_flag0": true, "node_flag2": true, "node_flag3": true,
+                   "case_insensitive": true, "raw_c": 8 },
+        "children": [
+          { "name": "host", "gid": 11, "kind": 5, "type": 2, "size": 8, "offset": 0 },
+          { "name": "port", "gid": 12, "kind": 5, "type": 1, "size": 2, "offset": 8 },
+          { "name": "delta", "gid": 13, "kind": 5, "type": 1, "size": 4, "offset": 12 } ],
+        "defaults_hex": "ffffffff ffffffff 0000 77",
+        "defaults": { "host": "ab", "port": 443, "delta": -2 } },
+      { "name": "tbl", "gid": 20, "kind": 2, "scope": 2, "size": 8,
+        "sql": { "number": 7, "short1": "t", "long1": "table_long", "flag": true },
+        "children": [
+          { "name": "key", "gid": 21, "kind": 5, "type": 1, "size": 4,
+            "children": [ { "name": "ref", "gid": 22, "kind": 5, "type": 12, "size": 4, "offset": 4,
+                            "refs": [10, 91] } ] } ] },
+      { "name": "copy", "gid": 30, "kind": 4, "scope": 3, "size": 16, "default_gid": 10 } ] })";
+  schema::Schema s;
+  std::string error;
+  ASSERT_EQ(0, schema::load_string(text, "t.json", &s, &error)) << error;
+
+  Want sys{desc(10, 4, 0x00, 16, 0), "sys", "settings"};
+  sys.d.flags_a = 0x03;
+  sys.d.flags_b = 0x04;
+  sys.d.flags_c = 0x18;
+  sys.defaults = {'a', 'b', 0, 0, 0, 0, 0, 0, 0xBB, 0x01, 0x77, 0, 0xFE, 0xFF, 0xFF, 0xFF};
+  sys.children = {{desc(11, 5, 0x02, 8, 0), "host", ""},
+                  {desc(12, 5, 0x01, 2, 8), "port", ""},
+                  {desc(13, 5, 0x01, 4, 12), "delta", ""}};
+  Want ref{desc(22, 5, 0x0C, 4, 4), "ref", ""};
+  ref.d.refs[0] = 10;
+  ref.d.refs[1] = 91;
+  Want key{desc(21, 5, 0x01, 4, 0), "key", ""};
+  key.children = {ref};
+  Want tbl{desc(20, 2, 0x20, 8, 0), "tbl", ""};
+  tbl.d.flags_b = 0x01;
+  cmdb_sql_desc_t sql;
+  memset(&sql, 0, sizeof sql);
+  sql.number = 7;
+  sql.flag = 0x80;
+  tbl.sql = sql;
+  tbl.sql_names = {"t", nullptr, "table_long", nullptr};
+  tbl.children = {key};
+  Want copy{desc(30, 4, 0x30, 16, 0), "copy", ""};
+  copy.source_word = 10;
+  Want root{desc(0, 0, 0, 0, 0), "schema", ""};
+  root.children = {sys, tbl, copy};
+
+  expect_same(s.root(), root);
+  EXPECT_EQ(3u, s.platform());
+  EXPECT_EQ(8u, s.node_count());
+  EXPECT_EQ(s.root()->children[1]->children[0], s.find(21));
+  EXPECT_EQ(nullptr, s.find(91));  // the built-in domain table is not the schema's
+}
+
+TEST(SchemaLoader, DefaultsTakenByTheBuilderAreNotFreedTwice) {
+  schema::Schema s;
+  std::string error;
+  ASSERT_EQ(0, schema::load_string(kExample, "appliance.json", &s, &error)) << error;
+  cmdb_node_desc_t* system = s.find(101);
+  ASSERT_NE(nullptr, system);
+  free(system->defaults);  // what the builder does with each block it copies
+  system->defaults = nullptr;
+  schema::Schema moved = std::move(s);
+  EXPECT_EQ(system, moved.find(101));  // descriptors stay put
+  EXPECT_EQ(nullptr, s.root());
+}  // ~Schema frees the remaining blocks; the sanitizer build catches a double free
+
+TEST(SchemaLoader, LoadsTheExampleAppliance) {
+  ASSERT_FALSE(kExample.empty());
+  schema::Schema s;
+  std::string error;
+  ASSERT_EQ(0, schema::load_string(kExample, "appliance.json", &s, &error)) << error;
+  EXPECT_EQ(8u, s.platform());
+  EXPECT_EQ(9, s.root()->nchild);
+  const cmdb_node_desc_t* system = s.find(101);
+  ASSERT_NE(nullptr, system);
+  ASSERT_NE(nullptr, system->defaults);
+  const auto* block = static_cast<const uint8_t*>(system->defaults);
+  EXPECT_STREQ("appliance", reinterpret_cast<const char*>(block));
+  EXPECT_EQ(443, block[112] | block[113] << 8);
+  // Every table's first child is its key, inside the entry's data part.
+  for (uint32_t gid = 1; gid <= schema::kMaxGid; ++gid) {
+    const cmdb_node_desc_t* d = s.find(gid);
+    if (d == nullptr || (d->kind != 2 && d->kind != 3)) continue;
+    ASSERT_GT(d->nchild, 0) << gid;
+    EXPECT_LE(d->children[0]->offset + d->children[0]->size, d->size) << gid;
+  }
+  EXPECT_EQ(700u, *static_cast<const uint32_t*>(s.find(710)->source));
+  EXPECT_EQ(0x30, s.find(400)->type_scope & 0x30);
+  EXPECT_EQ(300, s.find(205)->refs[0]);
+}
+
+TEST(SchemaLoader, UnreadableFileGivesItsErrno) {
+  schema::Schema s;
+  std::string error;
+  EXPECT_EQ(ENOENT, schema::load_file("/tmp/no-such-schema.json", &s, &error));
+  EXPECT_EQ("/tmp/no-such-schema.json: No such file or directory", error);
+  EXPECT_EQ(nullptr, s.root());
+}
+
+// "@" marks where the error must be reported; the loader never sees it.
+struct BadCase {
+  const char* what;
+  const char* text;
+  const char* field;  // null for JSON syntax errors
+  const char* message;
+};
+
+const BadCase kBadCases[] = {
+    {"syntax", "{ \"nodes\": [\n { \"name\": \"a\" \n@ ]}", nullptr, "bad JSON"},
+    {"duplicate key", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"name\": \"b\" } ]}", nullptr, "Duplicate key"},
+    {"not an object", "{ \"nodes\": [\n@ 7 ]}", "nodes", "a node must be an object, not an integer"},
+    {"unknown field", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"colour\": 3 } ]}",
+     "colour", "unknown field"},
+    {"unknown flag",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"bold\": true } } ]}",
+     "flags.bold", "unknown field"},
+    {"wrong type", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": \"7\", \"kind\": 4 } ]}", "gid",
+     "expected an integer, not a string"},
+    {"missing kind", "{ \"nodes\": [\n@ { \"name\": \"a\", \"gid\": 1 } ]}", "kind", "missing"},
+    {"kind too big", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1,\n@ \"kind\": 16 } ]}", "kind",
+     "above 15"},
+    {"platform", "{\n@ \"platform\": 30, \"nodes\": [] }", "platform", "above 29"},
+    {"gid 0", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 0, \"kind\": 4 } ]}", "gid",
+     "gid 0 names no node"},
+    {"gid 1861", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 1861, \"kind\": 4 } ]}", "gid", "above 1860"},
+    {"gid 91", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 91, \"kind\": 4 } ]}", "gid",
+     "built-in domain table"},
+    {"duplicate gid",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 5, \"kind\": 4 },\n { \"name\": \"b\",\n@ \"gid\": 5, "
+     "\"kind\": 4 } ]}",
+     "gid", "gid 5 is already 'a' (line 1)"},
+    {"duplicate sibling",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"children\": [\n"
+     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5 },\n { \"gid\": 3, \"kind\": 5,\n@ \"name\": \"x\" } ] } "
+     "]}",
+     "name", "'x' is already a child of 'a'"},
+    {"overlap",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
+     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5, \"size\": 4, \"offset\": 0 },\n"
+     " { \"name\": \"y\", \"gid\": 3, \"kind\": 5, \"size\": 4,\n@ \"offset\": 2 } ] } ]}",
+     "offset", "'y' (bytes 2..5) overlaps 'x' (bytes 0..3)"},
+    {"passes parent",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
+     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5, \"size\": 4,\n@ \"offset\": 6 } ] } ]}",
+     "offset", "offset 6 and size 4 pass the 8-byte data part of 'a'"},
+    {"string default too long",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4, \"children\": [\n"
+     " { \"name\": \"s\", \"gid\": 2, \"kind\": 5, \"type\": 2, \"size\": 4 } ],\n \"defaults\": {\n@ \"s\": "
+     "\"abcd\" } } ]}",
+     "defaults.s", "the field holds 4 with the terminating NUL"},
+    {"integer default too big",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
+     " { \"name\": \"i\", \"gid\": 2, \"kind\": 5, \"size\": 1 } ],\n \"defaults\": {\n@ \"i\": 256 } } ]}",
+     "defaults.i", "256 does not fit in 1 bytes"},
+    {"negative default too small",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
+     " { \"name\": \"i\", \"gid\": 2, \"kind\": 5, \"size\": 1 } ],\n \"defaults\": {\n@ \"i\": -129 } } ]}",
+     "defaults.i", "-129 does not fit in 1 bytes"},
+    {"default of no attribute",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1,\n"
+     " \"defaults\": {\n@ \"i\": 1 } } ]}",
+     "defaults.i", "'a' has no attribute 'i'"},
+    {"hex past the block",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 2,\n"
+     "@ \"defaults_hex\": \"010203\" } ]}",
+     "defaults_hex", "3 bytes do not fit in 2"},
+    {"defaults of kind 5",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"size\": 2,\n"
+     "@ \"defaults_hex\": \"01\" } ]}",
+     "defaults_hex", "kinds 2, 3 and 4 only"},
+    {"refs without type 12",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"refs\": [2] } ]}", "refs",
+     "only a node of type 12"},
+    {"type 12 without refs",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"type\": 12 } ]}", "type",
+     "type 12 needs 'refs'"},
+    {"five refs",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2, 3, 4, 5, 6] "
+     "} ]}",
+     "refs", "one to four gids"},
+    {"ref to nothing",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2] } ]}", "refs",
+     "gid 2 names no node"},
+    {"sql long1 with short2",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"short2\": \"s\",\n"
+     "@ \"long1\": \"l\" } } ]}",
+     "sql.long1", "takes the place of 'short2'"},
+    {"sql number with long2",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"long2\": \"l\",\n"
+     "@ \"number\": 3 } } ]}",
+     "sql.number", "takes the first bytes of 'long2'"},
+    {"sql short name too long",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {\n"
+     "@ \"short1\": \"abcdefghijklmnopqrstuvwxyz012345\" } } ]}",
+     "sql.short1", "32 bytes long, at most 31 fit"},
+    {"sql bit by hand",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"raw_b\": 5 } } ]}",
+     "flags.raw_b", "use 'sql'"},
+    {"default_gid with sql",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {},\n"
+     "@ \"default_gid\": 91 } ]}",
+     "default_gid", "cannot also copy defaults"},
+    {"default_gid without a block",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n"
+     "@ \"default_gid\": 91 } ]}",
+     "default_gid", "kind 5 has no default block"},
+    {"default_gid built later",
+     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 },\n"
+     " { \"name\": \"b\", \"gid\": 2, \"kind\": 4 } ]}",
+     "default_gid", "'b' (line 3) is built after this node"},
+    {"default_gid from a smaller block",
+     "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 4, \"size\": 2 },\n"
+     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4,\n@ \"default_gid\": 2 } ]}",
+     "default_gid", "gid 2 has a 2-byte default block; this node copies 4 bytes"},
+    {"default_gid from no block",
+     "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 5 },\n"
+     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 } ]}",
+     "default_gid", "'b' is kind 5 and has no default block"},
+    {"table without entry", "{ \"nodes\": [\n@ { \"name\": \"t\", \"gid\": 1, \"kind\": 2, \"size\": 4 } ]}",
+     "children", "needs its entry node as first child"},
+    {"entry with an instance",
+     "{ \"nodes\": [ { \"name\": \"t\", \"gid\": 1, \"kind\": 3, \"size\": 4, \"children\": [\n"
+     "@ { \"name\": \"e\", \"gid\": 2, \"kind\": 4, \"size\": 4 } ] } ]}",
+     "kind", "cannot have an instance block"},
+};
+
+TEST(SchemaLoader, ReportsEachBadFileAtItsLineAndField) {
+  for (const BadCase& c : kBadCases) {
+    SCOPED_TRACE(c.what);
+    std::string text = c.text;
+    size_t at = text.find('@');
+    ASSERT_NE(std::string::npos, at);
+    int line =
+        1 + static_cast<int>(std::count(text.begin(), text.begin() + static_cast<ptrdiff_t>(at), '\n'));
+    text.erase(at, 1);
+    std::string prefix = "t.json:" + std::to_string(line) + ": ";
+    if (c.field != nullptr) prefix += std::string("field '") + c.field + "': ";
+    schema::Schema s;
+    std::string error;
+    EXPECT_EQ(EINVAL, schema::load_string(text, "t.json", &s, &error));
+    EXPECT_EQ(0u, error.rfind(prefix, 0)) << error;
+    EXPECT_NE(std::string::npos, error.find(c.message)) << error;
+    EXPECT_EQ(nullptr, s.root());
+  }
+}
+
+// One node per line after the first, so node i (from 0) is on line i + 2.
+std::string many(int count, const std::string& node_template) {
+  std::string text = "{ \"nodes\": [";
+  for (int i = 0; i < count; ++i) {
+    std::string node = node_template;
+    for (size_t p; (p = node.find("$G")) != std::string::npos;)
+      node.replace(p, 2, std::to_string(100 + 2 * i));
+    for (size_t p; (p = node.find("$K")) != std::string::npos;)
+      node.replace(p, 2, std::to_string(101 + 2 * i));
+    text += (i ? ",\n" : "\n") + node;
+  }
+  return text + "\n]}";
+}
+
+TEST(SchemaLoader, RefusesWhatTheSideTablesCannotHold) {
+  const char* kTable =
+      R"({"name":"t$G","gid":$G,"kind":2,"size":4,"children":[{"name":"k","gid":$K,"kind":5,"size":4}]})";
+  const char* kSql = R"({"name":"s$G","gid":$G,"kind":4,"sql":{"short1":"s"}})";
+  const char* kRefs = R"({"name":"r$G","gid":$G,"kind":5,"type":12,"refs":[91,1,2,3]})";
+  const std::string kTargets =
+      R"({"name":"a","gid":1,"kind":4},{"name":"b","gid":2,"kind":4},{"name":"c","gid":3,"kind":4},)";
+  struct {
+    const char* what;
+    std::string fits, overflows;
+    int overflow_line;
+    std::string field;
+  } cases[] = {
+      // The domain table takes one of the 124 table-limits records.
+      {"tables", many(123, kTable), many(124, kTable), 125, "kind"},
+      {"sql", many(85, kSql), many(86, kSql), 87, "sql"},
+      {"refs", many(82, kRefs), many(83, kRefs), 84, "refs"},
+  };
+  for (auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    if (c.field == "refs") {
+      c.fits.insert(c.fits.find('[') + 1, kTargets);
+      c.overflows.insert(c.overflows.find('[') + 1, kTargets);
+    }
+    schema::Schema s;
+    std::string error;
+    EXPECT_EQ(0, schema::load_string(c.fits, "t.json", &s, &error)) << error;
+    EXPECT_EQ(EINVAL, schema::load_string(c.overflows, "t.json", &s, &error));
+    EXPECT_EQ(0u, error.rfind("t.json:" + std::to_string(c.overflow_line) + ": field '" + c.field + "': ", 0))
+        << error;
+  }
+
+  std::string children = R"({ "nodes": [ { "name": "p", "gid": 1, "kind": 4, "children": [)";
+  for (int i = 0; i < 256; ++i)
+    children += (i ? "," : "") + std::string(R"({"name":"c)") + std::to_string(i) + R"(","gid":)" +
+                std::to_string(i + 100) + R"(,"kind":5})";
+  children += "] } ] }";
+  schema::Schema s;
+  std::string error;
+  EXPECT_EQ(EINVAL, schema::load_string(children, "t.json", &s, &error));
+  EXPECT_EQ("t.json:1: field 'children': 256 children, at most 255 fit", error);
+  size_t last = children.rfind(R"(,{"name":"c255")");
+  children.erase(last, children.find('}', last) + 1 - last);
+  EXPECT_EQ(0, schema::load_string(children, "t.json", &s, &error)) << error;
+  EXPECT_EQ(255, s.find(1)->nchild);
+}
+
+}  // namespace
