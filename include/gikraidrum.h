@@ -657,24 +657,35 @@ GK_API void cmdb_event_cleanup(void) GK_NOEXCEPT;
 /* Utilities                                                                 */
 /* ------------------------------------------------------------------------ */
 
+/* Growable text buffer in process memory; a zero record is valid and empty.
+ * Every call accepts a null record and returns 0, except the base64 pair. */
 typedef struct cmf_buf {
-  char *data;
-  char *last;
+  char *data; /* heap block, owned by the record until cmf_buf_free */
+  char *last; /* where the latest append or character went */
   uint32_t len;
   uint32_t size;
 } cmf_buf_t;
 
+/* 512, or -1 when out of memory. */
 GK_API int cmf_buf_init(cmf_buf_t *b) GK_NOEXCEPT;
 GK_API int cmf_buf_free(cmf_buf_t *b) GK_NOEXCEPT;
+/* Append one byte (no terminator stored): 1, or -1 when growth fails. */
 GK_API int cmf_buf_cat(cmf_buf_t *b, int c) GK_NOEXCEPT;
+/* Append n bytes (n = 0: strlen(src)); a null src only reserves n bytes. n, or -1. */
 GK_API int cmf_buf_append(cmf_buf_t *b, const void *src, int n) GK_NOEXCEPT;
 GK_API int cmf_buf_reset(cmf_buf_t *b, const void *src, int n) GK_NOEXCEPT;
+/* Formatted append: 0 fitted, 1 fitted after growth, -2 no room (or an output
+ * error from vsnprintf), -3 still too long. Content is unchanged on failure. */
 GK_API int cmf_buf_vsnprintf(cmf_buf_t *b, const char *fmt, va_list ap) GK_NOEXCEPT;
 GK_API int cmf_buf_snprintf(cmf_buf_t *b, const char *fmt, ...) GK_NOEXCEPT __attribute__((format(printf, 2, 3)));
+/* Replace the content by its base64 text / by the bytes its text encodes: the new
+ * len; -6 out of memory; -152 the codec refused (content unchanged); -1 null b. */
 GK_API int cmf_buf_base64_encode(cmf_buf_t *b) GK_NOEXCEPT;
 GK_API int cmf_buf_base64_decode(cmf_buf_t *b) GK_NOEXCEPT;
 
-/* Boot ("init0") values and global flags in `daemon_status`. */
+/* Boot ("init0") values and global flags in `daemon_status`. A process that has it
+ * unmapped maps it for the one access (attach/detach_cmfshm_for_init); when it
+ * cannot be mapped, setters do nothing and getters return 0. No lock. */
 typedef struct cmdb_daemon_status {
   uint32_t mail_mode;
   uint32_t global_flags;
@@ -703,12 +714,14 @@ GK_API uint32_t get_init0_reload_value(void) GK_NOEXCEPT;
 GK_API void global_flag_set_flag(uint32_t bits) GK_NOEXCEPT;
 GK_API void global_flag_unset_flag(uint32_t bits) GK_NOEXCEPT;
 GK_API uint32_t global_flag_if_set(uint32_t mask) GK_NOEXCEPT;
-/* Constant names for 1, 2, 4, 8; "Unknown %d" in a per-process static buffer otherwise. */
+/* Constant names for 1, 2, 4, 8; "Unknown %d" in a per-process static buffer otherwise.
+ * Mode 0 names the debug zone's mail mode ("Unknown 0" while no debug zone is mapped). */
 GK_API const char *orv_opmode_name(int mode) GK_NOEXCEPT;
 GK_API int cmf_backup_non_haconf_conf(void) GK_NOEXCEPT;
 GK_API int cmf_backup_non_ha_conf(void) GK_NOEXCEPT;
 GK_API int cmf_backup_system_conf(const char *text, uint8_t type) GK_NOEXCEPT;
 GK_API int cmf_ha_exec_conf(void *value, uint32_t a, uint32_t b) GK_NOEXCEPT;
+/* dst[i] takes src[i]'s bits where mask[i] has ones, for i < len; returns 0. */
 GK_API int bfcpy(uint8_t *dst, const uint8_t *src, int len, const uint8_t *mask) GK_NOEXCEPT;
 
 /* The library log: dropped above the header's log_level while the header is mapped;
@@ -732,7 +745,9 @@ GK_API void cmf_set_cur_domain_id(uint32_t id) GK_NOEXCEPT;
 GK_API int cmf_do_backup_conf(uintptr_t first, const char *text, const void *block) GK_NOEXCEPT;
 GK_API int cmf_do_exec_conf(uintptr_t value, const void *block) GK_NOEXCEPT;
 /* RFC 4648. encode: NUL-terminated text, result its length or -1 when dst is too
- * small. decode: result the byte count, -1 on bad input or a short dst. */
+ * small. decode: result the byte count, -1 on bad input (foreign characters, data
+ * after '=', wrong padding, non-zero spare bits) or a short dst; a missing final
+ * padding is accepted. */
 GK_API int b64_encode(const unsigned char *src, int srclen, char *dst, int dstlen) GK_NOEXCEPT;
 GK_API int b64_decode(const char *src, unsigned char *dst, int dstlen) GK_NOEXCEPT;
 

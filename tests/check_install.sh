@@ -1,9 +1,10 @@
 #!/bin/sh
 # Installs into a scratch prefix, then builds a C consumer with pkg-config and a
-# CMake consumer with find_package, and runs both against the installed library.
+# CMake consumer with find_package, and runs both against the installed library
+# (through the sandbox launcher when one is given as the fourth argument).
 set -eu
-src=$1 build=$2 cc=$3
-tmp=$(mktemp -d)
+src=$1 build=$2 cc=$3 run=${4:-}
+tmp=$(mktemp -d "$build/install-check.XXXXXX")  # not /tmp: the sandbox hides it
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
 pc=$(find "$tmp/prefix" -name gikraidrum.pc)
@@ -26,7 +27,7 @@ export PKG_CONFIG_PATH=$(dirname "$pc")
 # shellcheck disable=SC2046
 "$cc" -std=c99 -pedantic -Wall -Werror $(pkg-config --cflags gikraidrum) "$tmp/use.c" -o "$tmp/use" \
   $(pkg-config --libs gikraidrum)
-LD_LIBRARY_PATH=$libdir "$tmp/use"
+LD_LIBRARY_PATH=$libdir $run "$tmp/use"
 mkdir "$tmp/cm"
 cat >"$tmp/cm/CMakeLists.txt" <<'CM'
 cmake_minimum_required(VERSION 3.20)
@@ -38,5 +39,5 @@ CM
 cp "$tmp/use.c" "$tmp/cm/use.c"
 cmake -S "$tmp/cm" -B "$tmp/cm/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/cm/build" >/dev/null
-LD_LIBRARY_PATH=$libdir "$tmp/cm/build/use"
+LD_LIBRARY_PATH=$libdir $run "$tmp/cm/build/use"
 echo "installed library consumed through pkg-config and find_package"

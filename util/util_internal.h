@@ -47,3 +47,21 @@ const char* progname();
 pid_t self_pid();
 
 }  // namespace util
+
+namespace util {
+
+// Heap calls of the text buffer. Tests swap an entry to make one call fail;
+// nothing else changes them.
+struct BufHeap {
+  void* (*zalloc)(size_t count, size_t size);
+  void* (*resize)(void* block, size_t bytes);
+  void* (*alloc)(size_t bytes);
+};
+extern BufHeap g_buf_heap;
+
+// RFC 4648 codec behind the exported b64_encode / b64_decode defaults (same
+// contracts), reachable here even when a host replaces those defaults.
+int base64_encode(const unsigned char* src, int srclen, char* dst, int dstlen);
+int base64_decode(const char* src, unsigned char* dst, int dstlen);
+
+}  // namespace util
