@@ -90,15 +90,48 @@ Json::Value read_block(const Element& e, void* block) {
 
 // Position of the entry with `key` in a table block, or -1.
 int find_entry(const Element& e, void* table, const std::string& key_text) {
-  const Field* k = e.key();
-  if (k == nullptr) return -1;
-  std::vector<uint8_t> buf(k->size + static_cast<size_t>(k->offset));
-  Field at = *k;
-  if (std::string err = encode_value(at, parse_text_value(at, key_text), buf.data()); !err.empty()) fail(err);
-  return __cmf_svr_find_table_entry(table, buf.data() + k->offset);
+  if (e.key() == nullptr) return -1;
+  std::vector<uint8_t> key = key_bytes(e, key_text);
+  return __cmf_svr_find_table_entry(table, key.data());
 }
 
 }  // namespace
+
+std::vector<uint8_t> key_bytes(const Element& table, const std::string& text) {
+  const Field* k = table.key();
+  if (k == nullptr) fail(format("table '%s' has no key", table.path.c_str()));
+  Field at = *k;
+  at.offset = 0;
+  std::vector<uint8_t> buf(at.size);
+  if (std::string err = encode_value(at, parse_text_value(at, text), buf.data()); !err.empty()) fail(err);
+  return buf;
+}
+
+const uint8_t* find_data_part(const Path& p, uint32_t domain) {
+  const Element* top = p.steps.front().element;
+  if (domain == 0 ? !in_global(*top) : !in_domains(*top)) return nullptr;
+  uint32_t* slot = cmdb_find_root_entity(domain, top->gid);
+  void* block = slot != nullptr ? block_of(*slot) : nullptr;
+  void* parent = nullptr;
+  int pos = -1;
+  for (size_t i = 0; i < p.steps.size(); ++i) {
+    const PathStep& s = p.steps[i];
+    if (i > 0) {
+      uint32_t* child = cmdb_find_child_obj(parent, s.element->gid, nullptr, pos < 0 ? 0 : pos);
+      block = child != nullptr ? block_of(*child) : nullptr;
+    }
+    if (block == nullptr) return nullptr;
+    pos = -1;
+    if (s.element->table) {
+      if (!s.key) return nullptr;
+      pos = find_entry(*s.element, block, *s.key);
+      if (pos < 0) return nullptr;
+    }
+    parent = block;
+  }
+  if (pos >= 0) return static_cast<const uint8_t*>(cmf_get_entry_data(block, static_cast<uint32_t>(pos)));
+  return static_cast<const uint8_t*>(cmf_get_obj_data(block));
+}
 
 Json::Value read_context(const Model& m, uint32_t domain) {
   Json::Value out(Json::objectValue);

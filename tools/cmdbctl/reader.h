@@ -48,3 +48,12 @@ bool in_global(const Element& e);
 bool in_domains(const Element& e);
 
 }  // namespace cmdbctl
+
+namespace cmdbctl {
+// The data part that a path ending in an object or TABLE[KEY] names, or null
+// when it (or anything above it) does not exist. No attribute, no bare table.
+// REQUIRES: main lock (shared or exclusive).
+const uint8_t* find_data_part(const Path& p, uint32_t domain);
+// The key bytes of a table's key field for a key given as text; throws Failure.
+std::vector<uint8_t> key_bytes(const Element& table, const std::string& text);
+}  // namespace cmdbctl
