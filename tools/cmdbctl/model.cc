@@ -126,6 +126,12 @@ const Element* Model::element(uint16_t gid) const {
   return it == by_gid_.end() ? nullptr : it->second;
 }
 
+const Element* Model::element(const std::string& path) const {
+  for (const auto& e : elements_)
+    if (e->path == path) return e.get();
+  return nullptr;
+}
+
 std::string Model::name_of(uint16_t gid) const {
   if (gid == 91) return "domain";
   auto it = names_.find(gid);

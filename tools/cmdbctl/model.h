@@ -57,6 +57,8 @@ class Model {
   const std::vector<const Element*>& tops() const { return tops_; }
   const Element* top(const std::string& name) const;
   const Element* element(uint16_t gid) const;
+  // An element by its dotted path without keys ("policy.rule"), or null.
+  const Element* element(const std::string& path) const;
   // "policy.rule" for an element, "policy.rule.port" for an attribute, "gid N" otherwise.
   std::string name_of(uint16_t gid) const;
   const schema::Schema& schema() const { return schema_; }

@@ -375,10 +375,29 @@ int cmd_get(const Options& o, const std::string& path_text, const std::string& d
     ReadLock lock;
     v = read_path(*m, p, domain_id(domain));
   }
-  if (!o.json && (v.isString() || v.isNumeric() || v.isBool()))
+  if (!o.json && (v.isString() || v.isNumeric() || v.isBool())) {
     printf("%s\n", v.isString() ? v.asCString() : to_json_text(v).c_str());
-  else
+  } else if (!o.json && v.isArray() && p.field == nullptr) {
+    // A whole table reads best as one: a column per attribute, child tables counted.
+    const Element& e = *p.steps.back().element;
+    std::vector<std::string> cols;
+    for (const Field& f : e.fields) cols.push_back(f.name);
+    for (const Element* c : e.children) cols.push_back(c->name);
+    Table t(cols);
+    for (const Json::Value& entry : v) {
+      std::vector<Json::Value> row;
+      for (const Field& f : e.fields) row.push_back(entry[f.name]);
+      for (const Element* c : e.children) {
+        const Json::Value& child = entry[c->name];
+        row.push_back(child.isNull() ? Json::Value() : c->table ? Json::Value(format("%u entries", child.size()))
+                                                                : Json::Value("{...}"));
+      }
+      t.add(std::move(row));
+    }
+    fputs(t.text().c_str(), stdout);
+  } else {
     print_json(v);
+  }
   return 0;
 }
 

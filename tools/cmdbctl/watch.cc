@@ -130,6 +130,10 @@ int cmd_watch(const Options& o, const std::vector<std::string>& targets, const s
       continue;
     }
     if (model == nullptr) fail(format("'%s' is not a gid, and without a schema names mean nothing", t.c_str()));
+    if (const Element* e = model->element(t)) {
+      gids.push_back(e->gid);
+      continue;
+    }
     Path p = parse_path(*model, t);
     if (p.field != nullptr || p.steps.back().key) fail(format("watch a table or object, not '%s'", t.c_str()));
     gids.push_back(p.steps.back().element->gid);
