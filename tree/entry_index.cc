@@ -1,0 +1,298 @@
+// The sorted entry index of a table: entry positions in ascending key order,
+// found by halving search, kept in order by the writers' inserts, re-positions
+// and deletes. Find runs under the shared main lock; everything that changes an
+// index block (and may move it) under the exclusive one.
+#include <string.h>
+
+#include "tree/tree_internal.h"
+#include "tree/typed_compare.h"
+
+namespace tree {
+namespace {
+
+constexpr int kGrowSlots = 16;
+constexpr size_t kIndexHead = offsetof(cmdb_entry_index_t, slot);
+
+// Where the key of the entry at a position lies: a fixed stride through the
+// table, the key `key_offset` bytes into each entry.
+struct KeyColumn {
+  const uint8_t* first;  // the key of entry 0
+  size_t stride;         // entry size
+  int type;
+  int size;
+  uint16_t offset;  // the key's offset within a data part
+
+  const uint8_t* at(uint32_t pos) const { return first + static_cast<size_t>(pos) * stride; }
+};
+
+// Null when the table or the key has no node: nothing can be compared then.
+bool key_column(const void* table, const cmdb_entry_index_t* ix, KeyColumn* col) {
+  const auto* t = static_cast<const cmdb_table_block_t*>(table);
+  const cmdb_node_t* tnode = find_node(t->gid);
+  const cmdb_node_t* knode = find_node(ix->key_gid);
+  if (tnode == nullptr || knode == nullptr) return false;
+  const size_t heads = 8 + 4 * static_cast<size_t>(t->nchild);
+  col->stride = tnode->size + heads;
+  col->first = t->entries + heads + knode->offset;
+  col->type = knode->type;
+  col->size = knode->size;
+  col->offset = knode->offset;
+  return true;
+}
+
+// The slots a search may read: a count outside 0..capacity is damage, and no
+// slot past the block is ever read for it.
+int searchable(const cmdb_entry_index_t* ix) {
+  return ix->count < 0 || ix->capacity < 0 || ix->count > ix->capacity ? -1 : ix->count;
+}
+
+struct Probe {
+  bool found;
+  int at;  // the matching slot, or the insertion point
+};
+
+// The halving search, lo = 0, hi = count - 1, mid = (lo + hi) / 2. Each step
+// prefetches the slots two steps ahead and the entries one step ahead, whose
+// slots the step before fetched: the search is a chain of dependent misses, and
+// this keeps two of them in flight.
+template <class Cmp>
+Probe halving_search(const uint32_t* slot, int count, const KeyColumn& col, Cmp cmp) {
+  int lo = 0, hi = count - 1;
+  while (lo <= hi) {
+    const int mid = (lo + hi) / 2;
+    const int l = (lo + mid - 1) / 2, r = (mid + 1 + hi) / 2;
+    if (hi - lo > 8) {
+      __builtin_prefetch(&slot[(lo + l - 1) / 2]);
+      __builtin_prefetch(&slot[(l + mid) / 2]);
+      __builtin_prefetch(&slot[(mid + 1 + r - 1) / 2]);
+      __builtin_prefetch(&slot[(r + 1 + hi) / 2]);
+      __builtin_prefetch(col.at(slot[l]));
+      __builtin_prefetch(col.at(slot[r]));
+    }
+    const int c = cmp(col.at(slot[mid]));
+    if (c == 0) return {true, mid};
+    if (c > 0)
+      lo = mid + 1;
+    else
+      hi = mid - 1;
+  }
+  return {false, lo};
+}
+
+// One search for a key of the column's type, with the comparison chosen once.
+Probe search(const cmdb_entry_index_t* ix, int count, const KeyColumn& col, const void* key) {
+  const uint32_t* s = ix->slot;
+  if (is_string_type(col.type)) {
+    const char* k = static_cast<const char*>(key);
+    const size_t n = col.size > 0 ? static_cast<size_t>(col.size) : 0;
+    if (strnlen(k, n) < n)
+      return halving_search(s, count, col, [k, n](const uint8_t* e) {
+        const char* v = reinterpret_cast<const char*>(e);
+        return strnlen(v, n) < n ? strverscmp(k, v) : version_compare_bounded(k, v, n);
+      });
+    return halving_search(s, count, col, [k, n](const uint8_t* e) {
+      return version_compare_bounded(k, reinterpret_cast<const char*>(e), n);
+    });
+  }
+  auto order = [](auto u, auto v) { return u == v ? 0 : u > v ? 1 : -1; };
+  switch (col.size) {
+    case 4: {
+      uint32_t k;
+      memcpy(&k, key, 4);
+      return halving_search(s, count, col, [k, order](const uint8_t* e) {
+        uint32_t v;
+        memcpy(&v, e, 4);
+        return order(k, v);
+      });
+    }
+    case 8: {
+      uint64_t k;
+      memcpy(&k, key, 8);
+      return halving_search(s, count, col, [k, order](const uint8_t* e) {
+        uint64_t v;
+        memcpy(&v, e, 8);
+        return order(k, v);
+      });
+    }
+    default:
+      return halving_search(s, count, col, [key, &col](const uint8_t* e) { return compare_le(key, e, col.size); });
+  }
+}
+
+void log_duplicate(const void* key, const uint8_t* stored, int action) {
+  dbg_cmdb(3, "entry %p:%p duplicated action=%d,%s,%s,%d.\n", key, static_cast<const void*>(stored), action,
+           "cmf_shm_api", "__cmf_svr_binary_find_index", 353);
+}
+
+// Makes room for one more slot, growing the block by 16 slots through the
+// allocator when it is full; the shmid field and *pix follow a move.
+// REQUIRES: main lock held exclusive.
+bool reserve_slot(uint32_t* index_shmid, cmdb_entry_index_t** pix) {
+  cmdb_entry_index_t* ix = *pix;
+  if (ix->capacity <= ix->count && index_shmid != nullptr) {
+    const int grown = ix->capacity + kGrowSlots;
+    auto* moved = static_cast<cmdb_entry_index_t*>(
+        cmf_shm_realloc(ix, static_cast<uint32_t>(kIndexHead + 4 * static_cast<size_t>(grown)), index_shmid, -1));
+    if (moved != nullptr) {
+      moved->capacity = grown;
+      *pix = ix = moved;
+    }
+  }
+  if (ix->capacity > ix->count) return true;
+  dbg_cmdb(3, "entry count %d overflow %d, %s,%s,%d.\n", ix->count, ix->capacity, "cmf_shm_api",
+           "__cmf_svr_binary_find_index", 364);
+  return false;
+}
+
+// REQUIRES: main lock held exclusive.
+int insert(uint32_t* index_shmid, cmdb_entry_index_t** pix, const KeyColumn& col, const cmdb_index_req_t* req) {
+  const int count = searchable(*pix);
+  if (count < 0 || req->pos < 0 || req->data == nullptr) return -1;
+  const uint8_t* key = static_cast<const uint8_t*>(req->data) + col.offset;
+  const Probe probe = search(*pix, count, col, key);
+  if (probe.found) {
+    log_duplicate(key, col.at((*pix)->slot[probe.at]), CMDB_INDEX_INSERT);
+    return -1;
+  }
+  if (!reserve_slot(index_shmid, pix)) return -1;
+  cmdb_entry_index_t* ix = *pix;
+  const auto p = static_cast<uint32_t>(req->pos);
+  // The table is about to open a gap at p: entries from p on move up by one.
+  if (req->pos < count)
+    for (int i = 0; i < count; ++i) ix->slot[i] += ix->slot[i] >= p;
+  memmove(&ix->slot[probe.at + 1], &ix->slot[probe.at], 4 * static_cast<size_t>(count - probe.at));
+  ix->slot[probe.at] = p;
+  ix->count = count + 1;
+  return 0;
+}
+
+// Moves the slot of entry req->pos to where its new key belongs. Called with
+// the new data before it is stored, so entry pos still holds the old key.
+// REQUIRES: main lock held exclusive.
+int reposition(cmdb_entry_index_t* ix, const void* table, const KeyColumn& col, const cmdb_index_req_t* req) {
+  if (req->data == nullptr) return -1;
+  const uint8_t* key = static_cast<const uint8_t*>(req->data) + col.offset;
+  const auto p = static_cast<uint32_t>(req->pos);
+  // Only an entry inside the table is read for the shortcut; any other position
+  // goes on to the search and is reported below as not indexed.
+  const int32_t in_use = static_cast<const cmdb_table_block_t*>(table)->count;
+  if (req->pos >= 0 && req->pos < in_use && compare_typed(key, col.at(p), col.type, col.size) == 0) return 0;
+  const int count = searchable(ix);
+  if (count < 0) return -1;
+  const Probe probe = search(ix, count, col, key);
+  if (probe.found) {
+    log_duplicate(key, col.at(ix->slot[probe.at]), CMDB_INDEX_REPOSITION);
+    return -1;
+  }
+  int k = 0;
+  while (k < count && ix->slot[k] != p) ++k;
+  if (k == count) {
+    dbg_cmdb(3, "cannot find org_idx for entry_idx:%d\n", req->pos);
+    return -1;
+  }
+  const int lo = probe.at;
+  if (k < lo - 1) {
+    memmove(&ix->slot[k], &ix->slot[k + 1], 4 * static_cast<size_t>(lo - 1 - k));
+    ix->slot[lo - 1] = p;
+  } else if (k > lo) {
+    memmove(&ix->slot[lo + 1], &ix->slot[lo], 4 * static_cast<size_t>(k - lo));
+    ix->slot[lo] = p;
+  }
+  return 0;
+}
+
+}  // namespace
+}  // namespace tree
+
+extern "C" {
+
+GK_API int __cmf_svr_binary_find_index(void* table, uint32_t* index_shmid, cmdb_entry_index_t** index,
+                                       const void* key_or_req, int action) noexcept {
+  if (action != CMDB_INDEX_FIND && action != CMDB_INDEX_INSERT && action != CMDB_INDEX_REPOSITION) return 0;
+  if (table == nullptr || index == nullptr || *index == nullptr || key_or_req == nullptr) return -1;
+  tree::KeyColumn col;
+  if (!tree::key_column(table, *index, &col)) return -1;
+  switch (action) {
+    case CMDB_INDEX_FIND: {
+      const int count = tree::searchable(*index);
+      if (count < 0) return -1;
+      const tree::Probe probe = tree::search(*index, count, col, key_or_req);
+      return probe.found ? static_cast<int>((*index)->slot[probe.at]) : -1;
+    }
+    case CMDB_INDEX_INSERT:
+      return tree::insert(index_shmid, index, col, static_cast<const cmdb_index_req_t*>(key_or_req));
+    default:
+      return tree::reposition(*index, table, col, static_cast<const cmdb_index_req_t*>(key_or_req));
+  }
+}
+
+GK_API int __cmf_svr_find_entry_by_index(void* table, uint32_t* index_shmid, cmdb_entry_index_t** index,
+                                         const void* key) noexcept {
+  return __cmf_svr_binary_find_index(table, index_shmid, index, key, CMDB_INDEX_FIND);
+}
+
+// Removes position pos, whose entry has left the table, and renumbers the
+// entries that moved down behind it; shrinks by 16 slots once more than 16 are
+// free, so alternating inserts and deletes at a boundary do not reallocate.
+// REQUIRES: main lock held exclusive.
+GK_API int __cmf_svr_binary_del_index(void*, uint32_t* index_shmid, cmdb_entry_index_t** index, int pos) noexcept {
+  if (index == nullptr || *index == nullptr) return 0;
+  cmdb_entry_index_t* ix = *index;
+  int count = tree::searchable(ix);
+  if (count < 0) return 0;
+  const auto p = static_cast<uint32_t>(pos);
+  for (int i = 0; i < count;) {
+    if (ix->slot[i] == p) {
+      memmove(&ix->slot[i], &ix->slot[i + 1], 4 * static_cast<size_t>(count - i - 1));
+      --count;
+      continue;
+    }
+    ix->slot[i] -= ix->slot[i] > p;
+    ++i;
+  }
+  ix->count = count;
+  if (ix->capacity >= 1 && ix->capacity > count + tree::kGrowSlots && index_shmid != nullptr) {
+    const int shrunk = ix->capacity - tree::kGrowSlots;
+    auto* moved = static_cast<cmdb_entry_index_t*>(
+        cmf_shm_realloc(ix, static_cast<uint32_t>(tree::kIndexHead + 4 * static_cast<size_t>(shrunk)), index_shmid, -1));
+    if (moved != nullptr) {
+      moved->capacity = shrunk;
+      *index = moved;
+    }
+  }
+  return 0;
+}
+
+GK_API int __cmf_svr_find_table_entry(void* table, const void* key) noexcept {
+  if (table == nullptr) return -1;
+  auto* t = static_cast<cmdb_table_block_t*>(table);
+  auto* ix = static_cast<cmdb_entry_index_t*>(cmf_ptr_from_shmid(t->index, 0));
+  if (ix == nullptr || *reinterpret_cast<const uint8_t*>(ix) != CMDB_BLK_INDEX) {
+    dbg_cmdb(3, "Critical error in %s,%s,%d, shmid=%d.\n", "cmf_shm_api", "__cmf_svr_find_table_entry", 160,
+             static_cast<int>(t->index));
+    return -1;
+  }
+  return __cmf_svr_find_entry_by_index(table, &t->index, &ix, key);
+}
+
+// Record number of ngid in a locator block, or -1. Ngids order by the sign of
+// their wrapping 32-bit difference, as the writers sort them.
+GK_API int cmf_svr_find_entry_index(void* locator, uint32_t ngid) noexcept {
+  if (locator == nullptr) return -1;
+  const auto* b = static_cast<const cmdb_locator_block_t*>(locator);
+  // A count beyond the capacity would send the search past the block.
+  const int32_t count = static_cast<int32_t>(b->count <= b->capacity ? b->count : b->capacity);
+  int lo = 0, hi = count - 1;
+  while (lo <= hi) {
+    const int mid = (lo + hi) / 2;
+    const auto diff = static_cast<int32_t>(ngid - b->rec[mid].ngid);
+    if (diff == 0) return mid;
+    if (diff > 0)
+      lo = mid + 1;
+    else
+      hi = mid - 1;
+  }
+  return -1;
+}
+
+}  // extern "C"
