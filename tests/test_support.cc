@@ -1,13 +1,17 @@
 #include "tests/test_support.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
 namespace gk::test {
 namespace {
@@ -34,6 +38,41 @@ void* map_new_file(const char* path, size_t len) {
   return p == MAP_FAILED ? nullptr : p;
 }
 }  // namespace
+
+long file_size(const std::string& path) {
+  struct stat st;
+  return ::stat(path.c_str(), &st) == 0 ? static_cast<long>(st.st_size) : -1;
+}
+
+std::vector<uint8_t> read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+std::vector<std::string> mappings_of(const std::string& prefix) {
+  std::ifstream in("/proc/self/maps");
+  std::vector<std::string> out;
+  for (std::string line; std::getline(in, line);) {
+    size_t path = line.find('/');
+    if (path != std::string::npos && line.compare(path, prefix.size(), prefix) == 0) out.push_back(line);
+  }
+  return out;
+}
+
+std::vector<std::string> open_fds() {
+  std::vector<std::string> out;
+  DIR* d = ::opendir("/proc/self/fd");
+  if (d == nullptr) return out;
+  while (dirent* e = ::readdir(d)) {
+    char target[256] = {};
+    std::string link = std::string("/proc/self/fd/") + e->d_name;
+    ssize_t n = ::readlink(link.c_str(), target, sizeof target - 1);
+    // The directory stream's own descriptor is the one that names /proc.
+    if (n > 0 && strncmp(target, "/proc/", 6) != 0) out.push_back(std::string(e->d_name) + " " + target);
+  }
+  ::closedir(d);
+  return out;
+}
 
 std::string& captured_log() { return g_log; }
 void clear_log() { g_log.clear(); }

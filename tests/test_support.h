@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "gikraidrum.h"
 
@@ -56,6 +57,14 @@ class Holder {
 // What fn writes to standard output (or standard error), captured through a pipe.
 std::string capture_stdout(const std::function<void()>& fn);
 std::string capture_stderr(const std::function<void()>& fn);
+
+// Length of a file, or -1 when it is missing; its bytes (empty when missing).
+long file_size(const std::string& path);
+std::vector<uint8_t> read_file(const std::string& path);
+// Lines of /proc/self/maps whose path starts with `prefix`, and this process's
+// open descriptors: what a detach must leave as it found them.
+std::vector<std::string> mappings_of(const std::string& prefix);
+std::vector<std::string> open_fds();
 
 // The header and debug zone as creation lays them out, mapped into this process
 // the way an attached process has them (cmdb.header, cmdb.debug_zone,

@@ -1,0 +1,247 @@
+// The node builder: turns the host's static descriptor tree into the node
+// records of `cmdb_node`, the gid index, the SQL records, the datasource pairs
+// and the table limits. Two walks over the same trees: one sizes, one writes.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "gikraidrum.h"
+#include "region/region_internal.h"
+#include "tree/tree_internal.h"
+
+namespace region {
+namespace {
+
+constexpr int kNodeHead = static_cast<int>(sizeof(cmdb_node_t));   // 24
+constexpr uint32_t kSlots = static_cast<uint32_t>(kIndexSlots);   // gid 1861 has none
+
+cmdb_table_limits_t g_limits;   // process-local; copied into `cmdb_global`
+
+uint32_t gid_of(const cmdb_node_desc_t* d) { return d->gid & 0xFFFF; }
+uint8_t kind_of(const cmdb_node_desc_t* d) { return d->kind & 15; }
+uint8_t type_of(const cmdb_node_desc_t* d) { return d->type_scope & 15; }
+bool has_default_block(uint8_t kind) { return kind == 2 || kind == 3 || kind == 4 || kind == 8; }
+bool carries_sql(const cmdb_node_desc_t* d) { return (d->flags_b & 1) != 0 && d->source != nullptr; }
+
+int64_t record_size(const cmdb_node_desc_t* d) {
+  int64_t n = kNodeHead + 4 * int64_t{d->nchild};
+  return has_default_block(kind_of(d)) ? n + d->size : n;
+}
+
+int ref_count(const cmdb_node_desc_t* d) {
+  if (type_of(d) != 12) return 0;
+  int n = 0;
+  while (n < 4 && d->refs[n] != 0) ++n;
+  return n;
+}
+
+// ---- Count pass ------------------------------------------------------------
+
+struct Count {
+  int total_node = 0;     // descriptors with a gid
+  int64_t node_size = 0;  // every record the build pass writes
+  int64_t data_total = 0;
+  int tables = 0;
+  int sql = 0;
+  int pairs = 0;
+};
+
+int count_visit(cmdb_node_desc_t* d, int, uintptr_t, uintptr_t*, void* ctx) {
+  auto* c = static_cast<Count*>(ctx);
+  uint32_t gid = gid_of(d);
+  if (gid >= kSlots) {
+    dbg_cmdb(3, "%s,%d, gid %u of node %s is out of range, max %u\n", kSource, __LINE__, gid,
+             d->name != nullptr ? d->name : "", kSlots - 1);
+    return kErrGidRange;
+  }
+  // A gid-0 descriptor still gets a record (its children hang off it), so it
+  // is sized here like any other; it is just not a node anyone looks up.
+  if (gid != 0) c->total_node += 1;
+  c->node_size += record_size(d);
+  if (has_default_block(kind_of(d))) c->data_total += d->size;
+  if (kind_of(d) == 2) c->tables += 1;
+  if (carries_sql(d)) c->sql += 1;
+  c->pairs += ref_count(d);
+  return 0;
+}
+
+bool within(const char* what, int need, int limit) {
+  if (need <= limit) return true;
+  dbg_cmdb(3, "%s,%d, %s holds at most %d records, the schema needs %d\n", kSource, __LINE__, what, limit, need);
+  return false;
+}
+
+// ---- Build pass ------------------------------------------------------------
+
+struct Build {
+  uint8_t* node = nullptr;    // base of cmdb_node
+  size_t node_len = 0;
+  size_t cursor = 0;
+  uint32_t* index = nullptr;  // cmdb_node_index
+  uint8_t* sql = nullptr;     // cmdb_sql_node
+  int sql_count = 0;
+  uint8_t* ds = nullptr;      // cmdb_datasource
+  int ds_count = 0;
+  uint32_t platform = 0;
+};
+
+// Records follow one another with no padding, so any of them may be unaligned:
+// every field goes through memcpy.
+cmdb_node_t head_at(const Build& b, size_t off) {
+  cmdb_node_t h;
+  memcpy(&h, b.node + off, sizeof h);
+  return h;
+}
+void put_head(Build& b, size_t off, const cmdb_node_t& h) { memcpy(b.node + off, &h, sizeof h); }
+uint8_t* default_block(const Build& b, size_t off, const cmdb_node_t& h) {
+  return b.node + off + kNodeHead + 4 * size_t{h.nchild};
+}
+
+// Up to n characters of src; the rest of the n bytes zero.
+void copy_name(uint8_t* dst, const char* src, size_t n) {
+  size_t i = 0;
+  for (; i < n && src[i] != '\0'; ++i) dst[i] = static_cast<uint8_t>(src[i]);
+  memset(dst + i, 0, n - i);
+}
+
+int fill_sql_record(Build& b, uint16_t gid, const cmdb_sql_desc_t* s) {
+  if (b.sql_count >= kSqlRecords) return kErrSideTable;
+  uint8_t* rec = b.sql + static_cast<size_t>(b.sql_count) * sizeof(cmdb_sql_node_t);
+  memcpy(rec + offsetof(cmdb_sql_node_t, gid), &gid, sizeof gid);
+  uint8_t* name1 = rec + offsetof(cmdb_sql_node_t, name1);
+  if (s->short1 != nullptr) copy_name(name1, s->short1, 31);
+  if (s->short2 != nullptr) copy_name(rec + offsetof(cmdb_sql_node_t, name2), s->short2, 31);
+  // A first long name takes the room of both short names.
+  if (s->long1 != nullptr) copy_name(name1, s->long1, 63);
+  if (s->long2 != nullptr) copy_name(rec + offsetof(cmdb_sql_node_t, name3), s->long2, 63);
+  if (s->number != 0) memcpy(rec + offsetof(cmdb_sql_node_t, name3), &s->number, sizeof s->number);
+  rec[offsetof(cmdb_sql_node_t, flag)] = (s->flag >> 7) & 1;
+  return b.sql_count++;
+}
+
+int build_visit(cmdb_node_desc_t* d, int i, uintptr_t parent, uintptr_t* own, void* ctx) {
+  auto* b = static_cast<Build*>(ctx);
+  const size_t r = b->cursor;
+  const int64_t len = record_size(d);
+  if (r + static_cast<size_t>(len) > b->node_len) {
+    dbg_cmdb(3, "%s,%d, node records overrun %zu bytes\n", kSource, __LINE__, b->node_len);
+    return kErrNodeMap;
+  }
+  const uint32_t gid = gid_of(d);
+  if (gid >= kSlots) return kErrGidRange;
+  cmdb_node_t h{};
+  h.gid = static_cast<uint16_t>(gid);
+  h.scope = (d->type_scope >> 4) & 3;
+  h.kind = kind_of(d);
+  h.type = type_of(d);
+  h.flags = static_cast<uint8_t>(((d->flags_b >> 2) & 1) | (d->flags_b & 1) << 1 | (d->flags_a & 1) << 2 |
+                                 ((d->flags_a >> 1) & 1) << 3 | (d->flags_c & 0x10));
+  h.nchild = d->nchild;
+  h.size = d->size;
+  h.offset = d->offset;
+
+  if (h.kind == 2 && tree::table_limits_append(&g_limits, gid, b->platform) != 0) {
+    within("table limits", g_limits.count + 1, CMDB_TABLE_LIMITS_MAX);
+    return kErrSideTable;
+  }
+  if (gid != 0) b->index[gid] = static_cast<uint32_t>(r);
+  uint8_t* defaults = default_block(*b, r, h);
+  if ((h.kind == 2 || h.kind == 3 || h.kind == 4) && d->defaults != nullptr) {
+    memcpy(defaults, d->defaults, h.size);
+    free(d->defaults);
+    d->defaults = nullptr;
+  }
+  for (int k = 0; k < ref_count(d); ++k) {
+    if (b->ds_count >= kDatasourcePairs) return kErrSideTable;
+    uint16_t pair[2] = {h.gid, d->refs[k]};
+    memcpy(b->ds + 2 + 4 * static_cast<size_t>(b->ds_count), pair, sizeof pair);
+    uint16_t n = static_cast<uint16_t>(++b->ds_count);
+    memcpy(b->ds, &n, sizeof n);
+  }
+  if (d->source != nullptr) {
+    if (d->flags_b & 1) {
+      int rec = fill_sql_record(*b, h.gid, static_cast<const cmdb_sql_desc_t*>(d->source));
+      if (rec < 0) return rec;
+      h.ds_index = static_cast<uint8_t>(rec);
+    } else {
+      uint32_t word;
+      memcpy(&word, d->source, sizeof word);
+      if (uint16_t g = static_cast<uint16_t>(word); g != 0) {
+        h.default_gid = g;
+        // The referred node must come earlier in the walk; copy only between
+        // real default blocks, and never more than either holds.
+        uint32_t slot = g < kSlots ? b->index[g] : 0;
+        if (slot != 0 && has_default_block(h.kind)) {
+          cmdb_node_t src = head_at(*b, slot);
+          if (src.gid == g && has_default_block(src.kind))
+            memmove(defaults, default_block(*b, slot, src), src.size < h.size ? src.size : h.size);
+        }
+        free(d->defaults);
+        d->defaults = nullptr;
+      }
+    }
+  }
+  if (parent != 0) {
+    cmdb_node_t p = head_at(*b, parent);
+    if (i < 0 || i >= p.nchild) return kErrNodeMap;
+    uint32_t off = static_cast<uint32_t>(r);
+    memcpy(b->node + parent + kNodeHead + 4 * static_cast<size_t>(i), &off, sizeof off);
+    h.parent = static_cast<uint32_t>(parent);
+  }
+  put_head(*b, r, h);
+  b->cursor = r + static_cast<size_t>(len);
+  *own = r;
+  return 0;
+}
+
+// Runs the walk over __cli_domain_node, then over each top-level schema node.
+int walk_all(const cmdb_node_desc_t* schema, tree::DescVisitor visit, void* ctx) {
+  if (int r = tree::walk_descriptors(&__cli_domain_node, visit, ctx); r < 0) return r;
+  for (int k = 0; k < schema->nchild; ++k)
+    if (int r = tree::walk_descriptors(schema->children[k], visit, ctx); r < 0) return r;
+  return 0;
+}
+
+}  // namespace
+
+const cmdb_table_limits_t& built_table_limits() { return g_limits; }
+
+int build_nodes(const Group& g) {
+  memset(&g_limits, 0, sizeof g_limits);
+  auto* schema = static_cast<const cmdb_node_desc_t*>(cmdb.schema);
+  if (schema == nullptr || (schema->nchild != 0 && schema->children == nullptr)) {
+    dbg_cmdb(3, "%s,%d, no schema to build the nodes from\n", kSource, __LINE__);
+    return kErrNoSchema;
+  }
+  Count c;
+  if (int r = walk_all(schema, count_visit, &c); r < 0) return r;
+  // The side tables are fixed in size: refuse before writing anything.
+  if (!within("table limits", c.tables, CMDB_TABLE_LIMITS_MAX) || !within("cmdb_sql_node", c.sql, kSqlRecords) ||
+      !within("cmdb_datasource", c.pairs, kDatasourcePairs))
+    return kErrSideTable;
+  if (c.node_size > INT32_MAX - kNodeHead) {
+    dbg_cmdb(3, "%s,%d, node records need %lld bytes\n", kSource, __LINE__, static_cast<long long>(c.node_size));
+    return kErrNodeMap;
+  }
+
+  Build b;
+  b.node_len = static_cast<size_t>(kNodeHead + c.node_size);
+  b.node = static_cast<uint8_t*>(allocate_and_map(g, 1, static_cast<int32_t>(b.node_len)));
+  if (b.node == nullptr) return kErrNodeMap;
+  b.sql = static_cast<uint8_t*>(allocate_and_map(g, 2, kSqlNodeSize));
+  b.ds = static_cast<uint8_t*>(allocate_and_map(g, 3, kDatasourceSize));
+  b.index = static_cast<uint32_t*>(allocate_and_map(g, 4, kNodeIndexSize));
+  if (b.sql == nullptr || b.ds == nullptr || b.index == nullptr) return kErrNodeMap;
+  b.cursor = kNodeHead;   // no record at offset 0: an index slot of 0 means none
+  b.platform = cmdb.platform;
+
+  int result = walk_all(schema, build_visit, &b);
+  tree::table_limits_sort(&g_limits);
+  printf("total_node=%d <= %d, %d,%d, node_size=%d, sql=%d, ds=%d, max_gid=%d\n", c.total_node, 1605,
+         static_cast<int>(c.data_total), static_cast<int>(cmdb.host_total), static_cast<int>(c.node_size),
+         kSqlRecords, 164, CMDB_MAX_GID);
+  fflush(stdout);
+  return result;
+}
+
+}  // namespace region
