@@ -95,11 +95,12 @@ class Planner {
           fail(format("%s: key '%s' appears twice in '%s'", at.c_str(), ep.key_text.c_str(), e.path.c_str()));
         p.entries.push_back(std::move(ep));
       }
-      uint32_t limit = e.kind == 2 ? cmf_get_max_table_entry(e.gid) : 0;
-      if (limit == 0) limit = static_cast<uint32_t>(cmdb_get_table_size(e.gid, static_cast<int>(cmdb.platform)));
-      if (limit != 0 && p.entries.size() > limit)
-        fail(format("%s: '%s' holds at most %u entries, not %zu", where.c_str(), e.path.c_str(), limit,
-                    p.entries.size()));
+      // The writer's own limit: the table-limits record, else the size table's value.
+      const cmdb_table_limit_t* lim = cmf_get_tablesize(e.gid);
+      int64_t limit = lim != nullptr ? lim->size : cmdb_get_table_size(e.gid, static_cast<int>(cmdb.header->platform));
+      if (static_cast<int64_t>(p.entries.size()) > limit)
+        fail(format("%s: '%s' holds at most %lld entries, not %zu", where.c_str(), e.path.c_str(),
+                    static_cast<long long>(limit), p.entries.size()));
       added_[e.gid] += p.entries.size();
     } else {
       if (!v.isObject()) fail(format("%s: '%s' is an object: give its attributes", where.c_str(), e.path.c_str()));
@@ -365,11 +366,12 @@ int cmd_load(const Options& o, const std::string& file) {
       if (now.isMember(e->name)) count_entries(*m, *e, now[e->name], &replaced);
   }
   for (const auto& [gid, n] : planner.added()) {
-    uint32_t total = cmf_get_max_table_tentry(gid);
-    size_t after = cmf_get_table_tcnt(gid) + n - std::min<size_t>(replaced[gid], cmf_get_table_tcnt(gid));
-    if (total != 0 && after > total)
+    const cmdb_table_limit_t* lim = cmf_get_tablesize(gid);
+    if (lim == nullptr) continue;
+    size_t after = lim->tcnt + n - std::min<size_t>(replaced[gid], lim->tcnt);
+    if (after > lim->tsize)
       fail(format("%s: '%s' would hold %zu entries in all, more than its total limit %u", file.c_str(),
-                  m->name_of(gid).c_str(), after, total));
+                  m->name_of(gid).c_str(), after, lim->tsize));
   }
 
   // Everything checked: apply.

@@ -42,10 +42,20 @@ Field field_of(const cmdb_node_desc_t* d) {
   return f;
 }
 
+// Paths leave out a table's entry node: its children read as the table's.
 void name_all(const cmdb_node_desc_t* d, const std::string& prefix, std::map<uint16_t, std::string>* names) {
   std::string path = prefix.empty() ? std::string(d->name != nullptr ? d->name : "") : prefix + "." + d->name;
   if (d->gid != 0) (*names)[static_cast<uint16_t>(d->gid)] = path;
-  for (unsigned i = 0; i < d->nchild; ++i) name_all(d->children[i], path, names);
+  uint8_t k = kind_of(d);
+  for (unsigned i = 0; i < d->nchild; ++i) {
+    const cmdb_node_desc_t* c = d->children[i];
+    if ((k == 2 || k == 3) && i == 0) {
+      (*names)[static_cast<uint16_t>(c->gid)] = path + "." + c->name;
+      for (unsigned j = 0; j < c->nchild; ++j) name_all(c->children[j], path, names);
+    } else {
+      name_all(c, path, names);
+    }
+  }
 }
 
 }  // namespace

@@ -62,7 +62,8 @@ std::string lock_state(int v) {
 bool alive(uint32_t pid) { return pid != 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM); }
 
 std::string classes(uint8_t act) {
-  static const char* names[] = {"insert", "update", "delete", "bulk", "act12", "act27", "reload"};
+  static const char* names[] = {"insert", "update", "delete", "act13-17", "act12", "act27", "reload"};
+  if (act == 0x7F) return "all";
   std::string s;
   for (int b = 0; b < 7; ++b)
     if (act & (1u << b)) s += (s.empty() ? "" : ",") + std::string(names[b]);

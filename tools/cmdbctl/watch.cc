@@ -33,7 +33,7 @@ const char* class_name(uint8_t act) {
     case 0x01: return "insert";
     case 0x02: return "update";
     case 0x04: return "delete";
-    case 0x08: return "change";
+    case 0x08: return "act13-17";
     case 0x10: return "act12";
     case 0x20: return "act27";
     case 0x40: return "reload";
