@@ -96,7 +96,7 @@ int main(int argc, char** argv) {
   log_level->add_option("level", level, "New level (messages above it are dropped)")->check(CLI::Range(0, 255));
   bool raw = false;
   auto* pages = app.add_subcommand("pages", "Allocator pages and slabs");
-  pages->add_flag("--raw", raw, "The library's own display (cmf_slab_display_page)");
+  pages->add_flag("--raw", raw, "The library's own display (cmf_slab_display_page), text even with --json");
   app.add_subcommand("locks", "Semaphore values, readers by pid, lock statistics");
   app.add_subcommand("events", "Event registrations: which process hears of which object");
   app.add_subcommand("domains", "Domains with their ids and root blocks");
