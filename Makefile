@@ -45,9 +45,9 @@ fuzz: deps
 lint: build
 	cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --enable=warning,performance,portability \
 	  --inline-suppr --suppress=missingIncludeSystem -I include -I . \
-	  region lock alloc tree event util
+	  region lock alloc tree event util tools/schema
 	run-clang-tidy -quiet -p build $(CURDIR)/region $(CURDIR)/lock $(CURDIR)/alloc $(CURDIR)/tree \
-	  $(CURDIR)/event $(CURDIR)/util >build/clang-tidy.log 2>&1 || { cat build/clang-tidy.log; exit 1; }
+	  $(CURDIR)/event $(CURDIR)/util $(CURDIR)/tools/schema >build/clang-tidy.log 2>&1 || { cat build/clang-tidy.log; exit 1; }
 
 format:
 	clang-format -i include/*.h */*.cc */*.h tests/*.c

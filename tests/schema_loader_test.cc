@@ -7,6 +7,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <fstream>
 #include <optional>
 #include <sstream>
@@ -196,7 +197,10 @@ TEST(SchemaLoader, UnreadableFileGivesItsErrno) {
   EXPECT_EQ(nullptr, s.root());
 }
 
-// "@" marks where the error must be reported; the loader never sees it.
+// Each text is the content of "nodes" on the document's first line (or, after
+// "!", the whole document), with ' for " and A for the start of a node
+// {"name":"a","gid":1,"kind":4. "@" marks where the error must be reported;
+// the loader never sees it.
 struct BadCase {
   const char* what;
   const char* text;
@@ -205,128 +209,94 @@ struct BadCase {
 };
 
 const BadCase kBadCases[] = {
-    {"syntax", "{ \"nodes\": [\n { \"name\": \"a\" \n@ ]}", nullptr, "bad JSON"},
-    {"duplicate key", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"name\": \"b\" } ]}", nullptr, "Duplicate key"},
-    {"not an object", "{ \"nodes\": [\n@ 7 ]}", "nodes", "a node must be an object, not an integer"},
-    {"unknown field", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"colour\": 3 } ]}",
-     "colour", "unknown field"},
-    {"unknown flag",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"bold\": true } } ]}",
-     "flags.bold", "unknown field"},
-    {"wrong type", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": \"7\", \"kind\": 4 } ]}", "gid",
-     "expected an integer, not a string"},
-    {"missing kind", "{ \"nodes\": [\n@ { \"name\": \"a\", \"gid\": 1 } ]}", "kind", "missing"},
-    {"kind too big", "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1,\n@ \"kind\": 16 } ]}", "kind",
-     "above 15"},
-    {"platform", "{\n@ \"platform\": 30, \"nodes\": [] }", "platform", "above 29"},
-    {"gid 0", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 0, \"kind\": 4 } ]}", "gid",
-     "gid 0 names no node"},
-    {"gid 1861", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 1861, \"kind\": 4 } ]}", "gid", "above 1860"},
-    {"gid 91", "{ \"nodes\": [ { \"name\": \"a\",\n@ \"gid\": 91, \"kind\": 4 } ]}", "gid",
-     "built-in domain table"},
-    {"duplicate gid",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 5, \"kind\": 4 },\n { \"name\": \"b\",\n@ \"gid\": 5, "
-     "\"kind\": 4 } ]}",
-     "gid", "gid 5 is already 'a' (line 1)"},
+    {"syntax", "A\n@ ", nullptr, "bad JSON"},
+    {"duplicate key", "A,\n@ 'gid': 2 }", nullptr, "Duplicate key"},
+    {"not an object", "\n@ 7", "nodes", "a node must be an object, not an integer"},
+    {"unknown field", "A,\n@ 'colour': 3 }", "colour", "unknown field"},
+    {"unknown flag", "A, 'flags': {\n@ 'bold': true } }", "flags.bold", "unknown field"},
+    {"wrong type", "{ 'name': 'a',\n@ 'gid': '7', 'kind': 4 }", "gid", "expected an integer, not a string"},
+    {"missing kind", "\n@ { 'name': 'a', 'gid': 1 }", "kind", "missing"},
+    {"kind too big", "{ 'name': 'a', 'gid': 1,\n@ 'kind': 16 }", "kind", "above 15"},
+    {"platform", "!{ 'nodes': [],\n@ 'platform': 30 }", "platform", "above 29"},
+    {"gid 0", "{ 'name': 'a',\n@ 'gid': 0, 'kind': 4 }", "gid", "gid 0 names no node"},
+    {"gid 1861", "{ 'name': 'a',\n@ 'gid': 1861, 'kind': 4 }", "gid", "above 1860"},
+    {"gid 91", "{ 'name': 'a',\n@ 'gid': 91, 'kind': 4 }", "gid", "built-in domain table"},
+    {"duplicate gid", "A },\n { 'name': 'b',\n@ 'gid': 1, 'kind': 4 }", "gid",
+     "gid 1 is already 'a' (line 1)"},
     {"duplicate sibling",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"children\": [\n"
-     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5 },\n { \"gid\": 3, \"kind\": 5,\n@ \"name\": \"x\" } ] } "
-     "]}",
+     "A, 'children': [ { 'name': 'x', 'gid': 2, 'kind': 5 },\n { 'gid': 3, 'kind': 5,\n@ 'name': 'x' } ] }",
      "name", "'x' is already a child of 'a'"},
     {"overlap",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
-     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5, \"size\": 4, \"offset\": 0 },\n"
-     " { \"name\": \"y\", \"gid\": 3, \"kind\": 5, \"size\": 4,\n@ \"offset\": 2 } ] } ]}",
+     "A, 'size': 8, 'children': [ { 'name': 'x', 'gid': 2, 'kind': 5, 'size': 4 },\n"
+     " { 'name': 'y', 'gid': 3, 'kind': 5, 'size': 4,\n@ 'offset': 2 } ] }",
      "offset", "'y' (bytes 2..5) overlaps 'x' (bytes 0..3)"},
     {"passes parent",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 8, \"children\": [\n"
-     " { \"name\": \"x\", \"gid\": 2, \"kind\": 5, \"size\": 4,\n@ \"offset\": 6 } ] } ]}",
+     "A, 'size': 8, 'children': [\n { 'name': 'x', 'gid': 2, 'kind': 5, 'size': 4,\n@ 'offset': 6 } ] }",
      "offset", "offset 6 and size 4 pass the 8-byte data part of 'a'"},
+    {"attribute over the key",
+     "{ 'name': 't', 'gid': 9, 'kind': 2, 'size': 8, 'children': [ { 'name': 'k', 'gid': 2, 'kind': 5, "
+     "'size': 4,\n"
+     " 'children': [ { 'name': 'v', 'gid': 3, 'kind': 5, 'size': 4,\n@ 'offset': 3 } ] } ] }",
+     "offset", "'v' (bytes 3..6) overlaps 'k' (bytes 0..3)"},
+    {"ref below kind 10",
+     "{ 'name': 'c', 'gid': 5, 'kind': 10, 'children': [ { 'name': 'h', 'gid': 6, 'kind': 4 } ] },\n"
+     " A, 'type': 12,\n@ 'refs': [6] }",
+     "refs", "gid 6 lies below a kind-10 node"},
     {"string default too long",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4, \"children\": [\n"
-     " { \"name\": \"s\", \"gid\": 2, \"kind\": 5, \"type\": 2, \"size\": 4 } ],\n \"defaults\": {\n@ \"s\": "
-     "\"abcd\" } } ]}",
+     "A, 'size': 4, 'children': [ { 'name': 's', 'gid': 2, 'kind': 5, 'type': 2, 'size': 4 } ],\n"
+     " 'defaults': {\n@ 's': 'abcd' } }",
      "defaults.s", "the field holds 4 with the terminating NUL"},
     {"integer default too big",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
-     " { \"name\": \"i\", \"gid\": 2, \"kind\": 5, \"size\": 1 } ],\n \"defaults\": {\n@ \"i\": 256 } } ]}",
+     "A, 'size': 1, 'children': [ { 'name': 'i', 'gid': 2, 'kind': 5, 'size': 1 } ],\n"
+     " 'defaults': {\n@ 'i': 256 } }",
      "defaults.i", "256 does not fit in 1 bytes"},
     {"negative default too small",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1, \"children\": [\n"
-     " { \"name\": \"i\", \"gid\": 2, \"kind\": 5, \"size\": 1 } ],\n \"defaults\": {\n@ \"i\": -129 } } ]}",
+     "A, 'size': 1, 'children': [ { 'name': 'i', 'gid': 2, 'kind': 5, 'size': 1 } ],\n"
+     " 'defaults': {\n@ 'i': -129 } }",
      "defaults.i", "-129 does not fit in 1 bytes"},
-    {"default of no attribute",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 1,\n"
-     " \"defaults\": {\n@ \"i\": 1 } } ]}",
-     "defaults.i", "'a' has no attribute 'i'"},
-    {"hex past the block",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 2,\n"
-     "@ \"defaults_hex\": \"010203\" } ]}",
-     "defaults_hex", "3 bytes do not fit in 2"},
-    {"defaults of kind 5",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"size\": 2,\n"
-     "@ \"defaults_hex\": \"01\" } ]}",
+    {"default of no attribute", "A, 'size': 1, 'defaults': {\n@ 'i': 1 } }", "defaults.i",
+     "'a' has no attribute 'i'"},
+    {"hex past the block", "A, 'size': 2,\n@ 'defaults_hex': '010203' }", "defaults_hex",
+     "3 bytes do not fit in 2"},
+    {"defaults of kind 5", "{ 'name': 'a', 'gid': 1, 'kind': 5, 'size': 2,\n@ 'defaults_hex': '01' }",
      "defaults_hex", "kinds 2, 3 and 4 only"},
-    {"refs without type 12",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"refs\": [2] } ]}", "refs",
-     "only a node of type 12"},
-    {"type 12 without refs",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n@ \"type\": 12 } ]}", "type",
-     "type 12 needs 'refs'"},
-    {"five refs",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2, 3, 4, 5, 6] "
-     "} ]}",
-     "refs", "one to four gids"},
-    {"ref to nothing",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5, \"type\": 12,\n@ \"refs\": [2] } ]}", "refs",
-     "gid 2 names no node"},
-    {"sql long1 with short2",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"short2\": \"s\",\n"
-     "@ \"long1\": \"l\" } } ]}",
-     "sql.long1", "takes the place of 'short2'"},
-    {"sql number with long2",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": { \"long2\": \"l\",\n"
-     "@ \"number\": 3 } } ]}",
-     "sql.number", "takes the first bytes of 'long2'"},
-    {"sql short name too long",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {\n"
-     "@ \"short1\": \"abcdefghijklmnopqrstuvwxyz012345\" } } ]}",
+    {"refs without type 12", "A,\n@ 'refs': [2] }", "refs", "only a node of type 12"},
+    {"type 12 without refs", "A,\n@ 'type': 12 }", "type", "type 12 needs 'refs'"},
+    {"five refs", "A, 'type': 12,\n@ 'refs': [2, 3, 4, 5, 6] }", "refs", "one to four gids"},
+    {"ref to nothing", "A, 'type': 12,\n@ 'refs': [2] }", "refs", "gid 2 names no node"},
+    {"sql long1 with short2", "A, 'sql': { 'short2': 's',\n@ 'long1': 'l' } }", "sql.long1",
+     "takes the place of 'short2'"},
+    {"sql number with long2", "A, 'sql': { 'long2': 'l',\n@ 'number': 3 } }", "sql.number",
+     "takes the first bytes of 'long2'"},
+    {"sql short name too long", "A, 'sql': {\n@ 'short1': 'abcdefghijklmnopqrstuvwxyz012345' } }",
      "sql.short1", "32 bytes long, at most 31 fit"},
-    {"sql bit by hand",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"flags\": {\n@ \"raw_b\": 5 } } ]}",
-     "flags.raw_b", "use 'sql'"},
-    {"default_gid with sql",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"sql\": {},\n"
-     "@ \"default_gid\": 91 } ]}",
-     "default_gid", "cannot also copy defaults"},
-    {"default_gid without a block",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 5,\n"
-     "@ \"default_gid\": 91 } ]}",
+    {"sql bit by hand", "A, 'flags': {\n@ 'raw_b': 5 } }", "flags.raw_b", "use 'sql'"},
+    {"default_gid with sql", "A, 'sql': {},\n@ 'default_gid': 91 }", "default_gid",
+     "cannot also copy defaults"},
+    {"default_gid without a block", "{ 'name': 'a', 'gid': 1, 'kind': 5,\n@ 'default_gid': 91 }",
      "default_gid", "kind 5 has no default block"},
-    {"default_gid built later",
-     "{ \"nodes\": [ { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 },\n"
-     " { \"name\": \"b\", \"gid\": 2, \"kind\": 4 } ]}",
+    {"default_gid built later", "A,\n@ 'default_gid': 2 },\n { 'name': 'b', 'gid': 2, 'kind': 4 }",
      "default_gid", "'b' (line 3) is built after this node"},
     {"default_gid from a smaller block",
-     "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 4, \"size\": 2 },\n"
-     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4, \"size\": 4,\n@ \"default_gid\": 2 } ]}",
-     "default_gid", "gid 2 has a 2-byte default block; this node copies 4 bytes"},
-    {"default_gid from no block",
-     "{ \"nodes\": [ { \"name\": \"b\", \"gid\": 2, \"kind\": 5 },\n"
-     " { \"name\": \"a\", \"gid\": 1, \"kind\": 4,\n@ \"default_gid\": 2 } ]}",
+     "{ 'name': 'b', 'gid': 2, 'kind': 4, 'size': 2 },\n A, 'size': 4,\n@ 'default_gid': 2 }", "default_gid",
+     "gid 2 has a 2-byte default block; this node copies 4 bytes"},
+    {"default_gid from no block", "{ 'name': 'b', 'gid': 2, 'kind': 5 },\n A,\n@ 'default_gid': 2 }",
      "default_gid", "'b' is kind 5 and has no default block"},
-    {"table without entry", "{ \"nodes\": [\n@ { \"name\": \"t\", \"gid\": 1, \"kind\": 2, \"size\": 4 } ]}",
-     "children", "needs its entry node as first child"},
+    {"table without entry", "\n@ { 'name': 't', 'gid': 1, 'kind': 2, 'size': 4 }", "children",
+     "needs its entry node as first child"},
     {"entry with an instance",
-     "{ \"nodes\": [ { \"name\": \"t\", \"gid\": 1, \"kind\": 3, \"size\": 4, \"children\": [\n"
-     "@ { \"name\": \"e\", \"gid\": 2, \"kind\": 4, \"size\": 4 } ] } ]}",
-     "kind", "cannot have an instance block"},
+     "{ 'name': 't', 'gid': 9, 'kind': 3, 'size': 4, 'children': [\n@ A, 'size': 4 } ] }", "kind",
+     "cannot have an instance block"},
 };
 
 TEST(SchemaLoader, ReportsEachBadFileAtItsLineAndField) {
   for (const BadCase& c : kBadCases) {
     SCOPED_TRACE(c.what);
-    std::string text = c.text;
+    std::string text =
+        c.text[0] == '!' ? std::string(c.text + 1) : std::string("{ \"nodes\": [ ") + c.text + " ]}";
+    for (size_t p; (p = text.find('A')) != std::string::npos;)
+      text.replace(p, 1, "{'name':'a','gid':1,'kind':4");
+    std::replace(text.begin(), text.end(), '\'', '"');
     size_t at = text.find('@');
     ASSERT_NE(std::string::npos, at);
     int line =

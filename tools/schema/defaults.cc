@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <string>
 
 #include "tools/schema/loader_internal.h"
@@ -74,7 +75,7 @@ int Loader::put_value(const Json::Value& v, std::string_view field, const Node* 
                   quoted(s) + " is " + std::to_string(s.size()) + " bytes; the field holds " +
                       std::to_string(size) + " with the terminating NUL");
     memset(at, 0, size);  // over whatever defaults_hex put there
-    memcpy(at, s.data(), s.size());
+    std::copy(s.begin(), s.end(), at);
     return 0;
   }
   uint64_t bits = 0;
@@ -101,8 +102,9 @@ int Loader::put_value(const Json::Value& v, std::string_view field, const Node* 
 int Loader::load_defaults(Node* n) {
   const Json::Value* hex = member(*n->json, "defaults_hex");
   const Json::Value* named = member(*n->json, "defaults");
-  if (hex == nullptr && named == nullptr) return 0;
-  const Json::Value& at = hex != nullptr ? *hex : *named;
+  const Json::Value* first = hex != nullptr ? hex : named;  // where a refusal of the whole block points
+  if (first == nullptr) return 0;
+  const Json::Value& at = *first;
   const char* field = hex != nullptr ? "defaults_hex" : "defaults";
   cmdb_node_desc_t* d = n->desc;
   int kind = kind_of(d);
