@@ -2,11 +2,10 @@
 // entities, handles, the entry index, child instances, the locator, table
 // counts, domain lookups and the datagrams that registrations ask for.
 #include <errno.h>
+#include <gtest/gtest.h>
 #include <string.h>
 #include <strings.h>
 #include <sys/socket.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -40,12 +39,13 @@ struct WriterSchema : gk::test::SampleSchema {
     defaults(profile, 0x5A);
     auto* user = node("user", kUser, 2, 0x20, 40, 0,
                       {node("entry", 347, kEntry, 0, 40, 0,
-                            {node("name", 348, kAttr, kString, 32, 0), token, node("uid", 349, kAttr, kInt, 4, 32),
-                             profile})});
+                            {node("name", 348, kAttr, kString, 32, 0), token,
+                             node("uid", 349, kAttr, kInt, 4, 32), profile})});
     auto* port = node("port", kPort, 2, 0, 12, 0,
                       {node("entry", 712, kEntry, 0, 12, 0, {node("number", 713, kAttr, kInt, 8, 0)})});
-    auto* address = node("address", kAddress, 2, 0x30, 36, 0,
-                         {node("entry", 101, kEntry, 0, 36, 0, {node("name", 102, kAttr, kString, 32, 0), port})});
+    auto* address =
+        node("address", kAddress, 2, 0x30, 36, 0,
+             {node("entry", 101, kEntry, 0, 36, 0, {node("name", 102, kAttr, kString, 32, 0), port})});
     address->flags_c = 0x10;
     auto* log = node("log", kLog, 3, 0, 12, 0,
                      {node("entry", 121, kEntry, 0, 12, 4, {node("seq", 122, kAttr, kInt, 4, 4)})});
@@ -56,22 +56,24 @@ struct WriterSchema : gk::test::SampleSchema {
 };
 
 struct Shape {
-  uint16_t gid, size, key_off, key_size;
+  uint16_t size, key_off, key_size;
   bool string_key;
-  std::vector<uint16_t> kids;  // child tables, in slot order
+  uint16_t kid;  // child table of the entries, or 0
 };
-const std::map<uint16_t, Shape> kShapes = {
-    {kUser, {kUser, 40, 0, 32, true, {kToken}}}, {kToken, {kToken, 16, 0, 4, false, {}}},
-    {kAddress, {kAddress, 36, 0, 32, true, {kPort}}}, {kPort, {kPort, 12, 0, 8, false, {}}},
-    {kLog, {kLog, 12, 4, 4, false, {}}}};
+const std::map<uint16_t, Shape> kShapes = {{kUser, {40, 0, 32, true, kToken}},
+                                           {kToken, {16, 0, 4, false, 0}},
+                                           {kAddress, {36, 0, 32, true, kPort}},
+                                           {kPort, {12, 0, 8, false, 0}},
+                                           {kLog, {12, 4, 4, false, 0}}};
 
-const cmdb_node_t* node(uint16_t gid) {
-  uint32_t off = static_cast<const uint32_t*>(cmdb.cmdb_node_index)[gid];
-  return reinterpret_cast<const cmdb_node_t*>(static_cast<const char*>(cmdb.cmdb_node) + off);
-}
 template <class T>
 T* at(uint32_t shmid) {
   return static_cast<T*>(cmf_ptr_from_shmid(shmid, 0));
+}
+Bytes name256(const std::string& s) {
+  Bytes b(256, 0);
+  memcpy(b.data(), s.data(), s.size());
+  return b;
 }
 // Everything under /dev/cmdb, to show that a refused call wrote nothing.
 std::map<std::string, Bytes> snapshot() {
@@ -80,11 +82,29 @@ std::map<std::string, Bytes> snapshot() {
     files[f.path().string()] = gk::test::read_file(f.path().string());
   return files;
 }
+// One datagram as text: gid/class/domain, then both data blocks when sent.
+std::string event_text(uint16_t gid, uint8_t cls, uint32_t domain, bool data, const Bytes& a,
+                       const Bytes& b) {
+  std::string s = std::to_string(gid) + "/" + std::to_string(cls) + "/" + std::to_string(domain);
+  return data ? s + "/" + std::string(a.begin(), a.end()) + "/" + std::string(b.begin(), b.end()) : s;
+}
+std::vector<std::string> received(int fd) {
+  std::vector<std::string> out;
+  uint8_t buf[4096];
+  while (::recv(fd, buf, sizeof buf, MSG_DONTWAIT) > 0) {
+    cmdb_event_msg_t h;
+    memcpy(&h, buf, sizeof h);
+    const uint8_t* p = buf + sizeof h;
+    const Bytes a = h.data1 ? Bytes(p, p + h.data_size) : Bytes(),
+                b = h.data2 ? Bytes(p + a.size(), p + a.size() + h.data_size) : Bytes();
+    out.push_back(event_text(h.gid, h.act, h.domain_id, h.data_size > 0, a, b));
+  }
+  return out;
+}
 
 class WriterTest : public ::testing::Test {
  protected:
   void attach(uint32_t platform) {
-    gk::test::clear_log();
     gk::test::capture_stdout([&] { ASSERT_EQ(0, gk::test::create_region(schema_, platform)); });
     ASSERT_EQ(0, init_cmdb_app_core(2));
   }
@@ -117,40 +137,30 @@ struct TableM;
 struct EntryM {
   Bytes data;
   bool pending = true;
-  std::vector<TableM> kids;
+  std::vector<TableM> kids;  // at most the one child table of its shape
 };
 struct TableM {
   uint16_t gid = 0;
-  std::vector<EntryM> entries;
+  std::vector<EntryM> entries;  // by position
 };
+struct Model {
+  std::map<uint32_t, std::string> domains;               // id -> name
+  std::map<std::pair<uint32_t, uint16_t>, TableM> tops;  // (domain, gid)
 
-struct Expected {
-  uint16_t gid;
-  uint8_t act;
-  uint32_t domain;
-  Bytes first, second;
-};
-
-class Model {
- public:
-  std::map<uint32_t, std::string> domains;                        // id -> name
-  std::map<std::pair<uint32_t, uint16_t>, TableM> tops;           // (domain, gid)
-  std::vector<Expected> events;
-
-  static const Shape& shape(uint16_t gid) { return kShapes.at(gid); }
-  static Bytes key_of(const Shape& s, const Bytes& d) {
+  static Bytes key_of(uint16_t gid, const Bytes& d) {
+    const Shape& s = kShapes.at(gid);
     return Bytes(d.begin() + s.key_off, d.begin() + s.key_off + s.key_size);
   }
-  // Keys are compared whole: string keys carry zeros after their end.
+  // Keys compare whole: string keys carry zeros after their end.
   static int find(const TableM& t, const Bytes& key) {
     for (size_t i = 0; i < t.entries.size(); ++i)
-      if (key_of(shape(t.gid), t.entries[i].data) == key) return static_cast<int>(i);
+      if (key_of(t.gid, t.entries[i].data) == key) return static_cast<int>(i);
     return -1;
   }
   uint32_t total(uint16_t gid) const {
     uint32_t n = 0;
     std::function<void(const TableM&)> walk = [&](const TableM& t) {
-      if (t.gid == gid) n += static_cast<uint32_t>(t.entries.size());
+      n += t.gid == gid ? static_cast<uint32_t>(t.entries.size()) : 0;
       for (const EntryM& e : t.entries)
         for (const TableM& k : e.kids) walk(k);
     };
@@ -159,35 +169,40 @@ class Model {
   }
 };
 
-// A value with a small range, so keys collide and strings sort in version order.
+// Small key ranges, so that keys collide; string keys in both cases.
 Bytes random_data(std::mt19937& rng, const Shape& s) {
   Bytes d(s.size);
   for (auto& b : d) b = static_cast<uint8_t>(rng());
-  if (s.string_key) {
-    std::string k = (rng() % 2 ? "Host" : "host") + std::to_string(rng() % 150);
-    memset(d.data() + s.key_off, 0, s.key_size);
+  memset(d.data() + s.key_off, 0, s.key_size);
+  const std::string k = (rng() % 2 ? "Host" : "host") + std::to_string(rng() % 150);
+  if (s.string_key)
     memcpy(d.data() + s.key_off, k.c_str(), k.size());
-  } else {
-    memset(d.data() + s.key_off, 0, s.key_size);
+  else
     d[s.key_off] = static_cast<uint8_t>(rng() % 120);
-  }
   return d;
 }
 
+// Key order as readers have it: version order for strings, little-endian
+// integers otherwise.
+int key_order(const Shape& s, const uint8_t* a, const uint8_t* b) {
+  if (s.string_key) return strverscmp(reinterpret_cast<const char*>(a), reinterpret_cast<const char*>(b));
+  for (int i = s.key_size - 1; i >= 0; --i)
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+  return 0;
+}
+
 // Checks one table instance against the model through the reader's calls.
-void check_table(const TableM& m, const uint32_t* slot, uint32_t domain) {
-  SCOPED_TRACE("table " + std::to_string(m.gid) + " domain " + std::to_string(domain));
+void check_table(const TableM& m, const uint32_t* slot) {
+  SCOPED_TRACE("table " + std::to_string(m.gid));
   if (slot == nullptr || *slot == 0) {
     ASSERT_TRUE(m.entries.empty());
     return;
   }
   const Shape& s = kShapes.at(m.gid);
   auto* t = at<cmdb_table_block_t>(*slot);
-  ASSERT_NE(nullptr, t);
   ASSERT_EQ(static_cast<int32_t>(m.entries.size()), t->count);
   auto* ix = at<cmdb_entry_index_t>(t->index);
   ASSERT_EQ(t->count, ix->count);
-  const cmdb_node_t* key = node(static_cast<uint16_t>(ix->key_gid));
   uint32_t pending = 0;
   for (int pos = 0; pos < t->count; ++pos) {
     const EntryM& e = m.entries[static_cast<size_t>(pos)];
@@ -197,28 +212,26 @@ void check_table(const TableM& m, const uint32_t* slot, uint32_t domain) {
     ASSERT_EQ(e.pending, (entry->flags & CMDB_ENTRY_PENDING) != 0) << pos;
     pending += e.pending;
     ASSERT_EQ(pos, __cmf_svr_find_table_entry(t, data + s.key_off));
-    const cmdb_locator_rec_t rec = cmdb_entry_from_index(entry->ngid);
     ASSERT_EQ(static_cast<uint32_t>(cmdb_get_table_entry_grp(m.gid)), entry->ngid >> 24);
-    const cmdb_locator_rec_t want = {entry->ngid, *slot, m.gid, static_cast<uint32_t>(pos)};
+    const cmdb_locator_rec_t rec = cmdb_entry_from_index(entry->ngid),
+                             want = {entry->ngid, *slot, m.gid, static_cast<uint32_t>(pos)};
     ASSERT_EQ(0, memcmp(&want, &rec, sizeof rec)) << pos;
-    for (size_t k = 0; k < e.kids.size(); ++k)
-      check_table(e.kids[k], cmdb_find_child_obj(t, e.kids[k].gid, data + s.key_off, 0), domain);
+    for (const TableM& k : e.kids) check_table(k, cmdb_find_child_obj(t, k.gid, data + s.key_off, 0));
   }
   ASSERT_EQ(pending, t->pending);
   for (int i = 1; i < ix->count; ++i) {
-    auto* a = static_cast<const uint8_t*>(cmf_get_entry_data(t, ix->slot[i - 1])) + key->offset;
-    auto* b = static_cast<const uint8_t*>(cmf_get_entry_data(t, ix->slot[i])) + key->offset;
-    ASSERT_LT(cmdb_compare_key(a, b, key), 0) << "index slot " << i;
+    auto* a = static_cast<const uint8_t*>(cmf_get_entry_data(t, ix->slot[i - 1])) + s.key_off;
+    auto* b = static_cast<const uint8_t*>(cmf_get_entry_data(t, ix->slot[i])) + s.key_off;
+    ASSERT_LT(key_order(s, a, b), 0) << "index slot " << i;
   }
 }
 
 void check_region(const Model& m) {
   cmf_shm_read_lock();
-  for (const auto& [where, t] : m.tops) check_table(t, cmdb_find_root_entity(where.first, where.second), where.first);
-  for (uint16_t gid : {kUser, kToken, kPort, kDomains}) {
-    const uint32_t want = gid == kDomains ? static_cast<uint32_t>(m.domains.size()) : m.total(gid);
-    EXPECT_EQ(want, cmf_get_table_tcnt(gid)) << gid;
-  }
+  for (const auto& [where, t] : m.tops) check_table(t, cmdb_find_root_entity(where.first, where.second));
+  for (uint16_t gid : {kUser, kToken, kAddress, kPort})
+    EXPECT_EQ(m.total(gid), cmf_get_table_tcnt(gid)) << gid;
+  EXPECT_EQ(m.domains.size(), cmf_get_table_tcnt(kDomains));
   uint32_t located = 0;
   for (int g = 0; g < 5; ++g) {
     auto* l = at<cmdb_locator_block_t>(cmdb.index_roots[1 + g]);
@@ -228,9 +241,9 @@ void check_region(const Model& m) {
   EXPECT_EQ(m.total(kUser) + m.total(kToken) + m.total(kAddress) + m.total(kPort) + m.total(kLog), located);
   // Both domain indexes sorted, and each domain found by id and by name.
   auto* dt = static_cast<cmdb_domain_table_t*>(cmdb.domain);
-  ASSERT_EQ(static_cast<int>(m.domains.size()), dt->count);
   auto* ids = static_cast<uint32_t*>(cmdb.domid_index);
   auto* names = static_cast<uint32_t*>(cmdb.domname_index);
+  ASSERT_EQ(static_cast<int>(m.domains.size()), dt->count);
   for (int i = 1; i < dt->count; ++i) {
     EXPECT_LT(dt->rec[ids[i - 1]].id, dt->rec[ids[i]].id);
     EXPECT_LT(strcasecmp(dt->rec[names[i - 1]].name, dt->rec[names[i]].name), 0);
@@ -244,52 +257,40 @@ void check_region(const Model& m) {
   cmf_shm_read_unlock();
 }
 
-// Registrations of this process: class mask and whether data comes along.
+// This process's registrations: class mask, and whether data comes along.
 struct Registration {
   uint16_t gid;
   uint8_t mask, flags;
 };
-const Registration kRegistrations[] = {
-    {kUser, 0x07, EVENT_WITH_DATA}, {kAddress, 0x05, 0}, {kToken, 0x02, EVENT_WITH_DATA},
-    {kPort, 0x04, EVENT_WITH_DATA}, {kDomains, 0x07, EVENT_WITH_DATA}};
+const Registration kRegistrations[] = {{kUser, 0x07, EVENT_WITH_DATA},
+                                       {kAddress, 0x05, 0},
+                                       {kToken, 0x02, EVENT_WITH_DATA},
+                                       {kPort, 0x04, EVENT_WITH_DATA},
+                                       {kDomains, 0x07, EVENT_WITH_DATA}};
 
-uint8_t class_of(uint8_t act) { return act == 1 ? 0x01 : act == 2 ? 0x02 : 0x04; }
-
-// The datagrams the registrations make of the expected events, as text.
-std::vector<std::string> wanted(const std::vector<Expected>& events) {
+struct Change {
+  uint16_t gid;
+  uint8_t act;
+  uint32_t domain;
+  Bytes first, second;
+};
+// The datagrams the registrations make of a step's changes.
+std::vector<std::string> wanted(const std::vector<Change>& changes) {
   std::vector<std::string> out;
-  for (const Expected& e : events)
+  for (const Change& c : changes)
     for (const Registration& r : kRegistrations) {
-      if (r.gid != e.gid || (r.mask & class_of(e.act)) == 0) continue;
-      const bool data = r.flags & EVENT_WITH_DATA;
-      std::string s = std::to_string(e.gid) + "/" + std::to_string(class_of(e.act)) + "/" + std::to_string(e.domain);
-      if (data) s += "/" + std::string(e.first.begin(), e.first.end()) + "/" + std::string(e.second.begin(), e.second.end());
-      out.push_back(s);
+      const uint8_t cls = c.act == 1 ? 0x01 : c.act == 2 ? 0x02 : 0x04;
+      if (r.gid == c.gid && (r.mask & cls) != 0)
+        out.push_back(event_text(c.gid, cls, c.domain, r.flags & EVENT_WITH_DATA, c.first, c.second));
     }
-  return out;
-}
-std::vector<std::string> received(int fd) {
-  std::vector<std::string> out;
-  std::vector<uint8_t> buf(4096);
-  for (ssize_t n; (n = ::recv(fd, buf.data(), buf.size(), MSG_DONTWAIT)) > 0;) {
-    cmdb_event_msg_t h;
-    memcpy(&h, buf.data(), sizeof h);
-    std::string s = std::to_string(h.gid) + "/" + std::to_string(h.act) + "/" + std::to_string(h.domain_id);
-    if (h.data_size > 0) {
-      const char* p = reinterpret_cast<const char*>(buf.data()) + sizeof h;
-      std::string first = h.data1 ? std::string(p, h.data_size) : "";
-      std::string second = h.data2 ? std::string(p + (h.data1 ? h.data_size : 0), h.data_size) : "";
-      s += "/" + first + "/" + second;
-    }
-    out.push_back(s);
-  }
   return out;
 }
 
 TEST_F(WriterTest, RandomizedChangesKeepEveryReaderStructureRight) {
   const int fd = cmdb_event_init("wtest", 1);
   ASSERT_GE(fd, 0);
-  for (const Registration& r : kRegistrations) ASSERT_EQ(0, cmdb_register_event("wtest", r.gid, r.mask, r.flags));
+  for (const Registration& r : kRegistrations)
+    ASSERT_EQ(0, cmdb_register_event("wtest", r.gid, r.mask, r.flags));
   std::mt19937 rng(20240611);
   Model m;
   m.tops[{0, kLog}].gid = kLog;
@@ -300,109 +301,102 @@ TEST_F(WriterTest, RandomizedChangesKeepEveryReaderStructureRight) {
   for (int step = 0; step < 3000; ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
     const uint32_t version = cmdb_get_version();
-    std::vector<Expected> ev;
+    std::vector<Change> ch;
     const int op = static_cast<int>(rng() % 100);
     int r = 0;
-    if (op < 2 || m.domains.empty()) {  // domains come and go
+    if (step % 5 == 0) {
+      ASSERT_EQ(0, w_.begin());  // the same, in a transaction of the caller's
+    }
+    if (op < 2 || m.domains.empty()) {  // domains come, get renamed and go
+      auto it = m.domains.empty() ? m.domains.end()
+                                  : std::next(m.domains.begin(), static_cast<long>(rng() % m.domains.size()));
       if (m.domains.size() < 4 || (rng() % 2 && m.domains.size() < 6)) {
         const uint32_t id = next_id++ * 7 % 1000 + 1;
         const std::string name = (id % 2 ? "Dom" : "dom") + std::to_string(id);
-        ASSERT_EQ(0, r = w_.add_domain(name.c_str(), id)) << w_.error();
+        ASSERT_EQ(0, w_.add_domain(name.c_str(), id)) << w_.error();
         m.domains[id] = name;
         m.tops[{id, kUser}].gid = kUser;
         m.tops[{id, kAddress}].gid = kAddress;
-        Bytes nm(256, 0);
-        memcpy(nm.data(), name.c_str(), name.size());
-        ev.push_back({kDomains, 1, id, {}, nm});
+        ch.push_back({kDomains, 1, id, {}, name256(name)});
+      } else if (rng() % 3 == 0) {
+        ASSERT_EQ(0, w_.remove_domain(it->first)) << w_.error();
+        ch.push_back({kDomains, 11, it->first, name256(it->second), {}});
+        m.tops.erase({it->first, kUser});
+        m.tops.erase({it->first, kAddress});
+        m.domains.erase(it);
       } else {
-        auto it = std::next(m.domains.begin(), static_cast<long>(rng() % m.domains.size()));
-        const uint32_t id = it->first;
-        Bytes nm(256, 0);
-        memcpy(nm.data(), it->second.c_str(), it->second.size());
-        if (rng() % 3 == 0) {
-          ASSERT_EQ(0, w_.remove_domain(id)) << w_.error();
-          m.domains.erase(id);
-          m.tops.erase({id, kUser});
-          m.tops.erase({id, kAddress});
-          ev.push_back({kDomains, 11, id, nm, {}});
-        } else {
-          const std::string name = "renamed" + std::to_string(step);
-          ASSERT_EQ(0, w_.rename_domain(id, name.c_str())) << w_.error();
-          it->second = name;
-          Bytes nn(256, 0);
-          memcpy(nn.data(), name.c_str(), name.size());
-          ev.push_back({kDomains, 2, id, nm, nn});
-        }
+        const std::string name = "renamed" + std::to_string(step);
+        ASSERT_EQ(0, w_.rename_domain(it->first, name.c_str())) << w_.error();
+        ch.push_back({kDomains, 2, it->first, name256(it->second), name256(name)});
+        it->second = name;
       }
     } else {
-      // Pick a table instance: a top-level one, or a child of one of its entries.
+      // A table instance: a top-level one, or the child table of one of its entries.
       auto top = std::next(m.tops.begin(), static_cast<long>(rng() % m.tops.size()));
       const uint32_t domain = top->first.first;
       TableM* t = &top->second;
       Location loc(domain, t->gid);
       Bytes parent_key;
-      if (!t->entries.empty() && !kShapes.at(t->gid).kids.empty() && rng() % 2) {
+      if (!t->entries.empty() && kShapes.at(t->gid).kid != 0 && rng() % 2) {
         EntryM& parent = t->entries[rng() % t->entries.size()];
-        parent_key = Model::key_of(kShapes.at(t->gid), parent.data);
-        if (parent.kids.empty()) parent.kids.push_back(TableM{kShapes.at(t->gid).kids[0], {}});
+        parent_key = Model::key_of(t->gid, parent.data);
+        if (parent.kids.empty()) parent.kids.push_back(TableM{kShapes.at(t->gid).kid, {}});
         t = &parent.kids[0];
         loc = loc.child(parent_key.data(), t->gid);
       }
-      const Shape& s = kShapes.at(t->gid);
-      const Bytes d = random_data(rng, s);
-      const Bytes key = Model::key_of(s, d);
-      const int have = Model::find(*t, key);
+      const Bytes d = random_data(rng, kShapes.at(t->gid));
+      const size_t n = t->entries.size(), any = n == 0 ? 0 : rng() % n;
       if (op < 50) {  // insert somewhere
-        const int pos = rng() % 3 ? static_cast<int>(rng() % (t->entries.size() + 1)) : writer::kAppend;
+        const int pos = rng() % 3 ? static_cast<int>(rng() % (n + 1)) : writer::kAppend;
+        const cmdb_table_limit_t* lim = cmf_get_tablesize(t->gid);
         r = w_.insert(loc, d.data(), pos);
-        if (have >= 0) {
+        if (Model::find(*t, Model::key_of(t->gid, d)) >= 0) {
           ASSERT_EQ(-EEXIST, r);
-        } else if (const cmdb_table_limit_t* lim = cmf_get_tablesize(t->gid);
-                   lim != nullptr && (t->entries.size() >= lim->size || m.total(t->gid) >= lim->tsize)) {
+        } else if (lim != nullptr && (n >= lim->size || m.total(t->gid) >= lim->tsize)) {
           ASSERT_EQ(-ENOSPC, r);
         } else {
           ASSERT_EQ(0, r) << w_.error();
-          const size_t p = pos == writer::kAppend ? t->entries.size() : static_cast<size_t>(pos);
-          t->entries.insert(t->entries.begin() + static_cast<long>(p), EntryM{d, true, {}});
-          ev.push_back({t->gid, 1, domain, {}, d});
+          t->entries.insert(t->entries.begin() + (pos == writer::kAppend ? static_cast<long>(n) : pos),
+                            EntryM{d, true, {}});
+          ch.push_back({t->gid, 1, domain, {}, d});
         }
-      } else if (!t->entries.empty() && op < 80) {  // update, half the time with a new key
-        EntryM& e = t->entries[rng() % t->entries.size()];
+      } else if (n > 0 && op < 80) {  // update, half the time with a new key
+        EntryM& e = t->entries[any];
         Bytes nd = d;
-        if (rng() % 2) std::copy_n(e.data.begin() + s.key_off, s.key_size, nd.begin() + s.key_off);
-        const Bytes old_key = Model::key_of(s, e.data);
-        const int clash = Model::find(*t, Model::key_of(s, nd));
+        const Bytes old_key = Model::key_of(t->gid, e.data);
+        if (rng() % 2) std::copy(old_key.begin(), old_key.end(), nd.begin() + kShapes.at(t->gid).key_off);
+        const int clash = Model::find(*t, Model::key_of(t->gid, nd));
         r = w_.update(loc, old_key.data(), nd.data());
-        if (clash >= 0 && &t->entries[static_cast<size_t>(clash)] != &e) {
+        if (clash >= 0 && static_cast<size_t>(clash) != any) {
           ASSERT_EQ(-EEXIST, r);
         } else {
           ASSERT_EQ(0, r) << w_.error();
-          ev.push_back({t->gid, 2, domain, e.data, nd});
-          e.data = nd;
-          e.pending = true;
+          ch.push_back({t->gid, 2, domain, e.data, nd});
+          e = EntryM{nd, true, e.kids};
         }
-      } else if (!t->entries.empty() && op < 95) {  // delete
-        const size_t p = rng() % t->entries.size();
-        ASSERT_EQ(0, r = w_.remove(loc, Model::key_of(s, t->entries[p].data).data())) << w_.error();
-        ev.push_back({t->gid, 11, domain, t->entries[p].data, {}});
-        t->entries.erase(t->entries.begin() + static_cast<long>(p));
-      } else if (!t->entries.empty()) {  // a consumer takes an entry for commit
-        const size_t p = rng() % t->entries.size();
+      } else if (n > 0 && op < 95) {  // delete
+        ASSERT_EQ(0, w_.remove(loc, Model::key_of(t->gid, t->entries[any].data).data())) << w_.error();
+        ch.push_back({t->gid, 11, domain, t->entries[any].data, {}});
+        t->entries.erase(t->entries.begin() + static_cast<long>(any));
+      } else if (n > 0 && !w_.in_transaction()) {  // a consumer takes an entry for commit
         cmf_shm_write_lock();
-        cmdb_table_block_t* tb = parent_key.empty() ? table(domain, top->second.gid)
-                                                   : table(domain, top->second.gid, parent_key.data(), t->gid);
-        cmf_commit_get_entry_data(tb, static_cast<uint32_t>(p));
+        cmf_commit_get_entry_data(
+            table(domain, top->first.second, parent_key.data(), parent_key.empty() ? 0 : t->gid),
+            static_cast<uint32_t>(any));
         cmf_shm_write_unlock();
-        t->entries[p].pending = false;
+        t->entries[any].pending = false;
       }
     }
+    if (w_.in_transaction()) {
+      ASSERT_EQ(0, w_.commit());
+    }
     refused += r != 0;
-    EXPECT_EQ(version + (ev.empty() ? 0 : 1), cmdb_get_version());
+    EXPECT_EQ(version + (ch.empty() ? 0 : 1), cmdb_get_version());
     check_region(m);
-    ASSERT_EQ(wanted(ev), received(fd));
+    ASSERT_EQ(wanted(ch), received(fd));
     if (HasFatalFailure()) return;
   }
-  EXPECT_GT(refused, 50);  // duplicates were tried, and refused
+  EXPECT_GT(refused, 100);  // duplicates and full tables were tried
   EXPECT_EQ(0u, w_.failed_announcements());
   cmdb_event_cleanup();
 }
@@ -423,14 +417,17 @@ TEST_F(WriterTest, RefusedCallsChangeNothing) {
     std::function<int()> call;
   } cases[] = {
       {"duplicate key", -EEXIST, [&] { return w_.insert(Location(5, kUser), alice.data()); }},
-      {"update onto another key", -EEXIST, [&] { return w_.update(Location(5, kUser), "bob", user("alice", 3).data()); }},
+      {"update onto another key", -EEXIST,
+       [&] { return w_.update(Location(5, kUser), "bob", user("alice", 3).data()); }},
       {"missing entry", -ENOENT, [&] { return w_.remove(Location(5, kUser), "carol"); }},
       {"missing parent entry", -ENOENT,
        [&] { return w_.insert(Location(5, kUser).child("carol", kToken), token.data()); }},
-      {"parent without key", -EINVAL, [&] { return w_.insert(Location(5, kUser).child(nullptr, kToken), token.data()); }},
+      {"parent without key", -EINVAL,
+       [&] { return w_.insert(Location(5, kUser).child(nullptr, kToken), token.data()); }},
       {"no such domain", -ENOENT, [&] { return w_.insert(Location(6, kUser), alice.data()); }},
       {"per-domain table in domain 0", -EINVAL, [&] { return w_.insert(Location(0, kUser), alice.data()); }},
-      {"position past the end", -EINVAL, [&] { return w_.insert(Location(5, kUser), user("eve", 4).data(), 3); }},
+      {"position past the end", -EINVAL,
+       [&] { return w_.insert(Location(5, kUser), user("eve", 4).data(), 3); }},
       {"unterminated key", -EINVAL, [&] { return w_.insert(Location(5, kUser), unterminated.data()); }},
       {"not a table", -EINVAL, [&] { return w_.insert(Location(0, kSystem), alice.data()); }},
       {"not an object", -EINVAL, [&] { return w_.set_object(Location(5, kUser), alice.data()); }},
@@ -462,10 +459,12 @@ TEST_F(WriterTest, SizeLimitsPerTableTotalAndDomains) {
   ASSERT_EQ(0, w_.add_domain("b", 2));
   EXPECT_EQ(-ENOSPC, w_.add_domain("c", 3));
   ASSERT_EQ(0, w_.begin());
-  for (int i = 0; i < 50; ++i) ASSERT_EQ(0, w_.insert(Location(1, kUser), user("u" + std::to_string(i), i).data()));
+  for (int i = 0; i < 50; ++i)
+    ASSERT_EQ(0, w_.insert(Location(1, kUser), user("u" + std::to_string(i), i).data()));
   EXPECT_EQ(-ENOSPC, w_.insert(Location(1, kUser), user("one-more", 0).data()));
   EXPECT_NE(std::string::npos, w_.error().find("full"));
-  for (int i = 0; i < 8; ++i) ASSERT_EQ(0, w_.insert(Location(2, kUser), user("v" + std::to_string(i), i).data()));
+  for (int i = 0; i < 8; ++i)
+    ASSERT_EQ(0, w_.insert(Location(2, kUser), user("v" + std::to_string(i), i).data()));
   EXPECT_EQ(-ENOSPC, w_.insert(Location(2, kUser), user("v8", 8).data()));
   EXPECT_NE(std::string::npos, w_.error().find("total"));
   ASSERT_EQ(0, w_.remove(Location(1, kUser), "u7"));
@@ -490,33 +489,27 @@ TEST_F(WriterTest, ObjectsStartFromDefaultsAndAnnounceOldAndNew) {
   const int fd = cmdb_event_init("wobj", 1);
   ASSERT_EQ(0, cmdb_register_event("wobj", kSystem, 0x02, EVENT_WITH_DATA));
   ASSERT_EQ(0, cmdb_register_event("wobj", kProfile, 0x02, EVENT_WITH_DATA));
-  const Bytes sys(16, 0x33);
+  const Bytes sys(16, 0x33), shell(8, 0x11);
   const uint32_t v = cmdb_get_version();
   ASSERT_EQ(0, w_.set_object(Location(9, kSystem), sys.data()));  // global: the domain is ignored
   EXPECT_EQ(0, w_.set_object(Location(0, kSystem), sys.data()));  // same data: no change
   EXPECT_EQ(v + 1, cmdb_get_version());
   ASSERT_EQ(0, w_.add_domain("d", 4));
   ASSERT_EQ(0, w_.insert(Location(4, kUser), user("alice", 1).data()));
-  const Bytes shell(8, 0x11);
   ASSERT_EQ(0, w_.set_object(Location(4, kUser).child("alice", kProfile), shell.data()));
 
   cmf_shm_read_lock();
-  uint32_t* slot = cmdb_find_root_entity(0, kSystem);
-  ASSERT_NE(nullptr, slot);
-  EXPECT_EQ(sys, Bytes(static_cast<uint8_t*>(cmf_get_obj_data(at<void>(*slot))),
-                       static_cast<uint8_t*>(cmf_get_obj_data(at<void>(*slot))) + 16));
-  slot = cmdb_find_child_obj(table(4, kUser), kProfile, "alice", 0);
-  ASSERT_NE(nullptr, slot);
-  EXPECT_EQ(0, memcmp(shell.data(), cmf_get_obj_data(at<void>(*slot)), 8));
+  const uint32_t* slot[] = {cmdb_find_root_entity(0, kSystem),
+                            cmdb_find_child_obj(table(4, kUser), kProfile, "alice", 0)};
+  ASSERT_TRUE(slot[0] != nullptr && slot[1] != nullptr);
+  EXPECT_EQ(0, memcmp(sys.data(), cmf_get_obj_data(at<void>(*slot[0])), 16));
+  EXPECT_EQ(0, memcmp(shell.data(), cmf_get_obj_data(at<void>(*slot[1])), 8));
   cmf_shm_read_unlock();
-
-  // Kind 8 keeps a default block, which creation leaves zero.
-  std::vector<Expected> ev = {{kSystem, 2, 0, Bytes(16, 0), sys}, {kProfile, 2, 4, Bytes(8, 0x5A), shell}};
-  std::vector<std::string> want;
-  for (const Expected& e : ev)
-    want.push_back(std::to_string(e.gid) + "/2/" + std::to_string(e.domain) + "/" +
-                   std::string(e.first.begin(), e.first.end()) + "/" + std::string(e.second.begin(), e.second.end()));
-  EXPECT_EQ(want, received(fd));
+  // The old data of a new object is its node's default block (kind 8 keeps one
+  // that creation leaves zero).
+  EXPECT_EQ((std::vector<std::string>{event_text(kSystem, 2, 0, true, Bytes(16, 0), sys),
+                                      event_text(kProfile, 2, 4, true, Bytes(8, 0x5A), shell)}),
+            received(fd));
   cmdb_event_cleanup();
 }
 
@@ -553,23 +546,22 @@ TEST_F(WriterTest, AnnouncementsWaitOutsideTheMainLock) {
   EXPECT_EQ(0, gk::test::wait_child(child));
 }
 
+// Removal gives every block of the domain back: after a warm-up round (which
+// grows the locator blocks for good) a second round ends where the first did.
 TEST_F(WriterTest, RemovingADomainFreesItsTree) {
   ASSERT_EQ(0, w_.add_domain("keep", 1));
   auto fill = [&](uint32_t d) {
-    for (int i = 0; i < 20; ++i) {
-      const std::string name = "u" + std::to_string(i);
-      ASSERT_EQ(0, w_.insert(Location(d, kUser), user(name, 0).data()));
-      for (uint32_t k = 0; k < 3; ++k) {
-        Bytes tok(16, 0);
-        memcpy(tok.data(), &k, 4);
-        ASSERT_EQ(0, w_.insert(Location(d, kUser).child(name.c_str(), kToken), tok.data()));
+    for (uint32_t i = 0; i < 60; ++i) {
+      const std::string name = "u" + std::to_string(i / 3);
+      if (i % 3 == 0) {
+        ASSERT_EQ(0, w_.insert(Location(d, kUser), user(name, 0).data()));
       }
+      const uint32_t token[4] = {i, 0, 0, 0};  // the key leads the data
+      ASSERT_EQ(0, w_.insert(Location(d, kUser).child(name.c_str(), kToken), token));
     }
   };
   auto files = [] { return std::distance(std::filesystem::directory_iterator("/dev/cmdb"), {}); };
   fill(1);
-  // The first round grows the locator blocks for good; after the second, the
-  // region must hold what it held after the first.
   long after_first = 0;
   for (uint32_t d : {2u, 3u}) {
     ASSERT_EQ(0, w_.add_domain(("gone" + std::to_string(d)).c_str(), d));
@@ -579,15 +571,9 @@ TEST_F(WriterTest, RemovingADomainFreesItsTree) {
   }
   EXPECT_EQ(after_first, files());
   cmf_shm_read_lock();
-  EXPECT_EQ(nullptr, cmdb_find_domain_by_id(3));
   EXPECT_EQ(nullptr, cmdb_find_domain_by_name("gone3"));
-  EXPECT_EQ(20u, cmf_get_table_tcnt(kUser));
   EXPECT_EQ(60u, cmf_get_table_tcnt(kToken));
-  EXPECT_EQ(1u, cmf_get_table_tcnt(kDomains));
-  EXPECT_EQ(20u, at<cmdb_locator_block_t>(cmdb.index_roots[1 + 3])->count);
   EXPECT_EQ(60u, at<cmdb_locator_block_t>(cmdb.index_roots[1 + 4])->count);
-  EXPECT_EQ(20, table(1, kUser)->count);
-  EXPECT_EQ(0, cmf_shm_verify());
   cmf_shm_read_unlock();
 }
 
@@ -596,11 +582,11 @@ TEST_F(WriterTest, OnlyTheOwnerWritesAndTransactionsDoNotNest) {
   EXPECT_EQ(-EALREADY, w_.begin());
   ASSERT_EQ(0, w_.commit());
   EXPECT_EQ(0, gk::test::run_child([] {
-    cleanup_cmdb_app_core();
-    if (init_cmdb_app_core(1) != 0) return 2;
-    ConfigWriter w;
-    return w.add_domain("x", 1) == -EPERM && cmf_shm_lock_val() == CMDB_RWLOCK_FULL ? 0 : 3;
-  }));
+              cleanup_cmdb_app_core();
+              if (init_cmdb_app_core(1) != 0) return 2;
+              ConfigWriter w;
+              return w.add_domain("x", 1) == -EPERM && cmf_shm_lock_val() == CMDB_RWLOCK_FULL ? 0 : 3;
+            }));
 }
 
 }  // namespace
