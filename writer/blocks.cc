@@ -24,14 +24,17 @@ T* block(uint32_t shmid) {
 uint32_t entry_size(const cmdb_node_t* table, uint32_t nchild) { return table->size + 4 * nchild + 8; }
 
 // Growth of every array here: half again, at least `step`.
-uint32_t grown(uint32_t have, uint32_t need, uint32_t step) { return std::max(need, have + std::max(step, have / 2)); }
+uint32_t grown(uint32_t have, uint32_t need, uint32_t step) {
+  return std::max(need, have + std::max(step, have / 2));
+}
 
 }  // namespace
 
 const cmdb_node_t* node_of(uint32_t gid) {
   const uint16_t g = static_cast<uint16_t>(gid);
   // The node index has 1861 slots, so gid 1861 has none: it is no node here.
-  if (g == 0 || g >= kNodeIndexSlots || cmdb.cmdb_node_index == nullptr || cmdb.cmdb_node == nullptr) return nullptr;
+  if (g == 0 || g >= kNodeIndexSlots || cmdb.cmdb_node_index == nullptr || cmdb.cmdb_node == nullptr)
+    return nullptr;
   const cmdb_node_t* n = node_at(static_cast<const uint32_t*>(cmdb.cmdb_node_index)[g]);
   return n != nullptr && n->gid == g ? n : nullptr;
 }
@@ -42,7 +45,8 @@ const cmdb_node_t* node_at(uint32_t offset) {
 }
 
 uint32_t offset_of(const cmdb_node_t* node) {
-  return static_cast<uint32_t>(reinterpret_cast<const char*>(node) - static_cast<const char*>(cmdb.cmdb_node));
+  return static_cast<uint32_t>(reinterpret_cast<const char*>(node) -
+                               static_cast<const char*>(cmdb.cmdb_node));
 }
 
 const cmdb_node_t* slot_owner(const cmdb_node_t* node) {
@@ -221,7 +225,8 @@ void root_drop(uint32_t* home, uint16_t gid) {
   if (r == nullptr) return;
   const int at = root_lower_bound(r, gid);
   if (at >= r->count || r->entry[at].gid != gid) return;
-  memmove(&r->entry[at], &r->entry[at + 1], sizeof(cmdb_root_entry_t) * static_cast<size_t>(r->count - at - 1));
+  memmove(&r->entry[at], &r->entry[at + 1],
+          sizeof(cmdb_root_entry_t) * static_cast<size_t>(r->count - at - 1));
   r->count--;
   r->entry[r->count] = {};
 }
@@ -270,9 +275,9 @@ void locator_add(const cmdb_locator_rec_t& rec) {
   if (l == nullptr || l->count >= l->capacity) return;
   // Signed differences order the records, as the readers' search expects.
   cmdb_locator_rec_t* first = l->rec;
-  cmdb_locator_rec_t* at = std::lower_bound(first, first + l->count, rec.ngid, [](const cmdb_locator_rec_t& r, uint32_t ngid) {
-    return static_cast<int32_t>(r.ngid - ngid) < 0;
-  });
+  cmdb_locator_rec_t* at = std::lower_bound(
+      first, first + l->count, rec.ngid,
+      [](const cmdb_locator_rec_t& r, uint32_t ngid) { return static_cast<int32_t>(r.ngid - ngid) < 0; });
   const size_t i = static_cast<size_t>(at - l->rec);
   memmove(&l->rec[i + 1], &l->rec[i], sizeof(cmdb_locator_rec_t) * (l->count - i));
   l->rec[i] = rec;

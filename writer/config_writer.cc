@@ -50,10 +50,10 @@ struct ConfigWriter::Plan {
 
 // What a change made before it could fail; undone in reverse.
 struct ConfigWriter::Undo {
-  uint32_t* root_home = nullptr;  // a root block made for the change
-  uint32_t* entry_home = nullptr; // the home of a root entry made for the change ...
-  uint16_t entry_gid = 0;         // ... and its gid
-  std::vector<uint32_t*> blocks;  // homes of objects and tables made
+  uint32_t* root_home = nullptr;   // a root block made for the change
+  uint32_t* entry_home = nullptr;  // the home of a root entry made for the change ...
+  uint16_t entry_gid = 0;          // ... and its gid
+  std::vector<uint32_t*> blocks;   // homes of objects and tables made
 
   void run() {
     for (auto it = blocks.rbegin(); it != blocks.rend(); ++it) {
@@ -174,7 +174,8 @@ int ConfigWriter::walk(const Location& loc, const Plan& p, uint32_t** home, Undo
   if (root == nullptr) return fail(-ENOENT, "no domain with id %u", p.domain);
   if (*root == 0) {
     if (!create) return 0;
-    if (new_root(root) == nullptr) return fail(-ENOMEM, "no memory for the root block of domain %u", p.domain);
+    if (new_root(root) == nullptr)
+      return fail(-ENOMEM, "no memory for the root block of domain %u", p.domain);
     undo->root_home = root;
   }
   const uint16_t top = p.nodes[0]->gid;
@@ -210,7 +211,8 @@ int ConfigWriter::walk(const Location& loc, const Plan& p, uint32_t** home, Undo
       auto* t = reinterpret_cast<cmdb_table_block_t*>(b);
       const int pos = __cmf_svr_find_table_entry(t, loc.hops()[i].key);
       if (pos < 0) return fail(-ENOENT, "table %u has no entry with the parent key", n->gid);
-      slot = &static_cast<cmdb_entry_t*>(cmf_get_table_entry(t, static_cast<uint32_t>(pos)))->child[p.slots[i]];
+      slot =
+          &static_cast<cmdb_entry_t*>(cmf_get_table_entry(t, static_cast<uint32_t>(pos)))->child[p.slots[i]];
     } else {
       slot = &reinterpret_cast<cmdb_object_block_t*>(b)->child[p.slots[i]];
     }
@@ -230,7 +232,8 @@ int ConfigWriter::insert(const Location& loc, const void* data, int position, ui
   if (key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
   if (data == nullptr) return fail(-EINVAL, "no data");
   const auto* bytes = static_cast<const uint8_t*>(data);
-  if (!key_terminated(key, bytes + key->offset)) return fail(-EINVAL, "the key of table %u is not terminated", gid);
+  if (!key_terminated(key, bytes + key->offset))
+    return fail(-EINVAL, "the key of table %u is not terminated", gid);
 
   uint32_t* home = nullptr;
   if (int r = walk(loc, p, &home, nullptr); r != 0) return r;
@@ -241,8 +244,10 @@ int ConfigWriter::insert(const Location& loc, const void* data, int position, ui
   if (t != nullptr && __cmf_svr_find_table_entry(t, bytes + key->offset) >= 0)
     return fail(-EEXIST, "table %u already has an entry with that key", gid);
   const cmdb_table_limit_t* lim = cmf_get_tablesize(gid);
-  const int64_t size = lim != nullptr ? lim->size : cmdb_get_table_size(gid, static_cast<int>(cmdb.header->platform));
-  if (count >= size) return fail(-ENOSPC, "table %u is full: %lld entries", gid, static_cast<long long>(size));
+  const int64_t size =
+      lim != nullptr ? lim->size : cmdb_get_table_size(gid, static_cast<int>(cmdb.header->platform));
+  if (count >= size)
+    return fail(-ENOSPC, "table %u is full: %lld entries", gid, static_cast<long long>(size));
   if (lim != nullptr && lim->tcnt >= lim->tsize)
     return fail(-ENOSPC, "table %u has reached its total of %u entries", gid, lim->tsize);
   const int group = entry_group(gid);
@@ -300,7 +305,8 @@ int ConfigWriter::update(const Location& loc, const void* key_value, const void*
   if (key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
   if (key_value == nullptr || data == nullptr) return fail(-EINVAL, "no key or no data");
   const auto* bytes = static_cast<const uint8_t*>(data);
-  if (!key_terminated(key, bytes + key->offset)) return fail(-EINVAL, "the key of table %u is not terminated", gid);
+  if (!key_terminated(key, bytes + key->offset))
+    return fail(-EINVAL, "the key of table %u is not terminated", gid);
 
   uint32_t* home = nullptr;
   if (int r = walk(loc, p, &home, nullptr); r != 0) return r;

@@ -162,8 +162,8 @@ class ConfigWriter {
   // recorded for undo. A missing parent entry is -ENOENT either way.
   int walk(const Location& loc, const Plan& p, uint32_t** home, Undo* undo);
   int fail(int code, const char* fmt, ...) __attribute__((format(printf, 3, 4)));
-  void announce(uint16_t gid, uint8_t act, uint32_t domain, const void* first, const void* second, uint32_t lead,
-                uint32_t size);
+  void announce(uint16_t gid, uint8_t act, uint32_t domain, const void* first, const void* second,
+                uint32_t lead, uint32_t size);
 
   bool locked_ = false;
   bool changed_ = false;

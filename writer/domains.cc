@@ -54,10 +54,10 @@ void erase_from(uint32_t* index, int count, uint32_t rec, bool renumber) {
 // Where `name` goes among the first `count` slots of the name index.
 int name_position(const uint32_t* index, int count, const char* name) {
   const cmdb_domain_table_t* t = domains();
-  return static_cast<int>(std::lower_bound(index, index + count, name, [t](uint32_t rec, const char* n) {
-                            return strcasecmp(t->rec[rec].name, n) < 0;
-                          }) -
-                          index);
+  return static_cast<int>(
+      std::lower_bound(index, index + count, name,
+                       [t](uint32_t rec, const char* n) { return strcasecmp(t->rec[rec].name, n) < 0; }) -
+      index);
 }
 
 }  // namespace

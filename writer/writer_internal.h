@@ -53,7 +53,9 @@ inline bool has_default_block(const cmdb_node_t* n) {
   return n->kind == 2 || n->kind == 3 || n->kind == 4 || n->kind == 8;
 }
 // Whether a child node has an instance block of its own, and so a child slot.
-inline bool takes_slot(const cmdb_node_t* n) { return is_table(n) || n->kind == 4 || (n->kind == 6 && n->type == 13); }
+inline bool takes_slot(const cmdb_node_t* n) {
+  return is_table(n) || n->kind == 4 || (n->kind == 6 && n->type == 13);
+}
 // The node whose children own the child slots: a table's entry node (its first
 // child), or the node itself for an object. Null for a table without one.
 const cmdb_node_t* slot_owner(const cmdb_node_t* node);
