@@ -98,7 +98,7 @@ GK_API uint32_t* cmdb_find_child_obj(void* parent, uint32_t gid, const void* key
   for (int i = 0; i < slots.n; ++i) {
     const void* child = cmf_ptr_from_shmid(slots.first[i], 0);
     if (child != nullptr && static_cast<uint16_t>(tree::block_gid(child)) == static_cast<uint16_t>(gid))
-      return &slots.first[i];
+      return slots.first + i;
   }
   return nullptr;
 }

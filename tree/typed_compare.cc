@@ -9,13 +9,13 @@ namespace {
 enum : uint8_t { kNormal = 0, kIntegral = 3, kFraction = 6, kZeros = 9 };
 // What decides at the first difference: the byte difference, or the length of
 // the digit runs; other values are the result itself.
-enum : int8_t { kByDiff = 2, kByLength = 3 };
+enum : int { kByDiff = 2, kByLength = 3 };
 
 // Indexed by state + class of the byte (0 other, 1 digit 1-9, 2 the digit 0).
 constexpr uint8_t kNext[] = {kNormal, kIntegral, kZeros,    kNormal, kIntegral, kIntegral,
                              kNormal, kFraction, kFraction, kNormal, kFraction, kZeros};
 // Indexed by state * 3 + class of b's byte, the state having taken a's byte.
-constexpr int8_t kDecide[] = {
+constexpr int kDecide[] = {
     kByDiff, kByDiff, kByDiff, kByDiff, kByLength, kByDiff,   kByDiff, kByDiff,   kByDiff,    // normal
     kByDiff, -1,      -1,      +1,      kByLength, kByLength, +1,      kByLength, kByLength,  // integral
     kByDiff, kByDiff, kByDiff, kByDiff, kByDiff,   kByDiff,   kByDiff, kByDiff,   kByDiff,    // fraction
