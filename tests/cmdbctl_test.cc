@@ -382,3 +382,90 @@ TEST_F(Cmdbctl, LogLevelIsSharedAndEverySubcommandHasHelp) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Cmdbctl, ConcurrentWritersAreSerialised) {
+  create();
+  // Each writer attaches as owner and allocates; the write lock keeps them apart.
+  std::vector<pid_t> writers;
+  for (int i = 1; i <= 12; ++i)
+    writers.push_back(spawn({"set", "interface[" + std::to_string(i) + "]", "name=if" + std::to_string(i)},
+                            "/tmp/w" + std::to_string(i), "/tmp/w" + std::to_string(i) + ".err"));
+  for (pid_t w : writers) {
+    int st = 0;
+    ASSERT_EQ(w, waitpid(w, &st, 0));
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+  }
+  Json::Value rows = json_of(run({"--json", "get", "interface"}).out);
+  ASSERT_EQ(12u, rows.size());
+  for (Json::ArrayIndex i = 0; i < rows.size(); ++i) {  // key order, every entry whole
+    EXPECT_EQ(i + 1, rows[i]["index"].asUInt());
+    EXPECT_EQ("if" + std::to_string(i + 1), rows[i]["name"].asString());
+  }
+  Json::Value limits = json_of(run({"--json", "limits"}).out)["tables"];
+  EXPECT_EQ(12u, limits[1]["count"].asUInt());  // interface, after the domain table
+  EXPECT_EQ(12u, json_of(run({"--json", "info"}).out)["version"].asUInt());
+}
+
+TEST_F(Cmdbctl, ValuesInEveryNotation) {
+  create();
+  struct {
+    std::string assignment, attribute, expected;
+  } cases[] = {
+      {"address=hex:0a000001", "address", "10.0.0.1\n"},
+      {"address=3232235777", "address", "1.1.168.192\n"},  // an integer lands little-endian
+      {"mtu=0x100", "mtu", "256\n"},
+      {"mtu=65535", "mtu", "65535\n"},
+      {"mtu=-1", "mtu", "65535\n"},  // two's complement in the field's width
+      {"enabled=false", "enabled", "0\n"},
+      {"enabled=yes", "enabled", "1\n"},
+      {"description=" + std::string(31, 'd'), "description", std::string(31, 'd') + "\n"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.assignment);
+    ASSERT_EQ(0, run({"set", "interface[1]", c.assignment}).status);
+    EXPECT_EQ(c.expected, run({"get", "interface[1]." + c.attribute}).out);
+  }
+  expect_failure(run({"set", "interface[1]", "mtu=65536"}), "65536 does not fit 'mtu' (2 bytes)");
+  expect_failure(run({"set", "interface[1]", "mtu=-32769"}), "does not fit 'mtu'");
+  expect_failure(run({"set", "interface[1]", "description=" + std::string(32, 'd')}), "at most 31 bytes");
+  expect_failure(run({"set", "interface[1]", "address=hex:0102030405"}), "holds 4 bytes, not 5");
+}
+
+TEST_F(Cmdbctl, InfoReportsAForeignMagic) {
+  create();
+  int fd = open("/dev/cmdb/cmdb_global_rw", O_WRONLY);
+  ASSERT_LE(0, fd);
+  ASSERT_EQ(4, pwrite(fd, "\x01\x02\x03\x04", 4, 0));
+  close(fd);
+  Outcome r = run({"info"});
+  EXPECT_EQ(0, r.status);
+  EXPECT_EQ(0u, r.out.find("magic        0x04030201  (foreign: not a region of this library)\n")) << r.out;
+  EXPECT_FALSE(json_of(run({"--json", "info"}).out)["magic_ok"].asBool());
+}
+
+TEST_F(Cmdbctl, SandboxKeepsItsRegionToItself) {
+  create();
+  // A nested sandbox starts empty and its region vanishes with it.
+  Outcome inner = run({"--sandbox", "create", "--schema", kSchema, "--platform", "2"});
+  EXPECT_EQ(0, inner.status) << inner.err;
+  Outcome box = run({"sandbox", "--", CMDBCTL_PATH, "info"});
+  EXPECT_EQ(1, box.status);
+  EXPECT_NE(std::string::npos, box.err.find("no region")) << box.err;
+  EXPECT_EQ("8\n", std::regex_replace(run({"info"}).out, std::regex("(?:.|\n)*platform +(\\d+)\n(?:.|\n)*"), "$1\n"));
+}
+
+TEST_F(Cmdbctl, WatchWithoutDataNamesTheChangeOnly) {
+  create();
+  pid_t watcher = spawn({"watch", "--no-data", "--count", "1", "--name", "quiet", "system"}, "/tmp/q.out", "/tmp/q.err");
+  for (int i = 0; i < 200 && slurp("/tmp/q.out").empty(); ++i) usleep(10000);
+  ASSERT_EQ(0, run({"set", "system", "hostname=h"}).status);
+  int st = 0;
+  ASSERT_EQ(watcher, waitpid(watcher, &st, 0));
+  EXPECT_EQ("[quiet] watching system\n[quiet] update system in global: (no data)\n", slurp("/tmp/q.out"));
+  expect_failure(run({"watch", "--name", std::string(20, 'n'), "system"}), "longer than 19 bytes");
+  expect_failure(run({"watch", "policy[x]"}), "watch a table or object");
+}
+
+}  // namespace

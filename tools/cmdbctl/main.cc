@@ -51,7 +51,7 @@ using namespace cmdbctl;
 
 [[noreturn]] void run_in_sandbox(std::vector<std::string> command) {
   std::string what;
-  if (int err = gk::sandbox::enter(&what); err != 0) {
+  if (int err = gk::sandbox::enter(&what, true); err != 0) {
     fprintf(stderr, "cmdbctl: %s failed: %s\n%s", what.c_str(), strerror(err), gk::sandbox::requirements());
     exit(2);
   }
@@ -148,7 +148,7 @@ int main(int argc, char** argv) {
   if (box->parsed()) run_in_sandbox(command);
   if (sandbox) {
     std::string what;
-    if (int err = gk::sandbox::enter(&what); err != 0) {
+    if (int err = gk::sandbox::enter(&what, true); err != 0) {
       fprintf(stderr, "cmdbctl: %s failed: %s\n%s", what.c_str(), strerror(err), gk::sandbox::requirements());
       return 2;
     }

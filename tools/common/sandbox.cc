@@ -36,8 +36,8 @@ int fail(std::string* what, const char* step) {
 
 bool inside() { return getenv(kMarker) != nullptr; }
 
-int enter(std::string* what) {
-  if (inside()) return 0;
+int enter(std::string* what, bool fresh) {
+  if (inside() && !fresh) return 0;
   uid_t uid = getuid();
   gid_t gid = getgid();
   // The mount point must exist on the host; an unprivileged user cannot make it.

@@ -10,9 +10,12 @@ namespace gk::sandbox {
 // True when this process (or an ancestor that exec'ed it) already entered one.
 bool inside();
 
-// Enters a fresh sandbox; a no-op inside one. Returns 0, or the errno value of the
-// step that failed with *what naming it. Must run while the process has one thread.
-int enter(std::string* what);
+// Enters a sandbox. Inside one already, `fresh` makes a new one nested in it
+// (a private region of its own); otherwise the call keeps the one it is in, as
+// test programs that re-exec themselves need. Returns 0, or the errno value of
+// the step that failed with *what naming it. Must run while the process has one
+// thread.
+int enter(std::string* what, bool fresh = false);
 
 // What to tell a person whose machine refuses the namespaces.
 const char* requirements();
