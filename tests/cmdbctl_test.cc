@@ -469,3 +469,47 @@ TEST_F(Cmdbctl, WatchWithoutDataNamesTheChangeOnly) {
 }
 
 }  // namespace
+
+namespace {
+
+std::string addresses(const char* domain, int n) {
+  std::string s = std::string("{\"name\": \"") + domain + "\", \"config\": {\"address\": [";
+  for (int i = 0; i < n; ++i) s += (i ? "," : "") + std::string("{\"name\": \"") + domain + std::to_string(i) + "\"}";
+  return s + "]}}";
+}
+
+TEST_F(Cmdbctl, LoadReplacesTheContextsItNames) {
+  create_and_load();
+  // Fewer entries than the region has: the others go; objects left out stay.
+  spit("/tmp/less.json",
+       "{\"global\": {\"interface\": [{\"index\": 2, \"name\": \"eth1\"}], \"address\": []},"
+       " \"domains\": [{\"name\": \"west\", \"config\": {}}]}");
+  ASSERT_EQ(0, run({"load", "/tmp/less.json"}).status);
+  Json::Value d = json_of(dump());
+  EXPECT_EQ(1u, d["global"]["interface"].size());
+  EXPECT_EQ(1500u, d["global"]["interface"][0]["mtu"].asUInt());  // left out: the default, not 9000
+  EXPECT_EQ(0u, d["global"]["address"].size());  // an emptied table shows as []
+  EXPECT_EQ("fw-demo", d["global"]["system"]["hostname"].asString());
+  ASSERT_EQ(2u, d["domains"].size());
+  EXPECT_EQ(3u, d["domains"][0]["config"]["policy"].size() + d["domains"][0]["config"]["address"].size());  // east
+  EXPECT_EQ(0u, d["domains"][1]["config"]["address"].size() + d["domains"][1]["config"]["policy"].size());  // west
+  ASSERT_EQ(0, run({"load", "/tmp/less.json"}).status);  // the same file again changes nothing
+  EXPECT_EQ(d["global"], json_of(run({"dump", "--domain", "global"}).out)["global"]);
+  EXPECT_EQ(d, json_of(dump()));
+}
+
+TEST_F(Cmdbctl, LoadChecksTotalsAcrossDomains) {
+  create();
+  // 200 addresses fit one context, but the table's total over all contexts is 256.
+  spit("/tmp/one.json", "{\"domains\": [" + addresses("a", 200) + "]}");
+  spit("/tmp/two.json", "{\"domains\": [" + addresses("b", 100) + "]}");
+  ASSERT_EQ(0, run({"load", "/tmp/one.json"}).status);
+  expect_failure(run({"load", "/tmp/two.json"}), "'address' would hold 300 entries in all, more than its total limit 256");
+  EXPECT_EQ(1u, json_of(dump())["domains"].size());  // not even the domain was added
+  // Replacing a context counts what it held: 200 out, 250 in.
+  spit("/tmp/more.json", "{\"domains\": [" + addresses("a", 250) + "]}");
+  ASSERT_EQ(0, run({"load", "/tmp/more.json"}).status);
+  EXPECT_EQ(250u, json_of(run({"--json", "limits"}).out)["tables"][4]["count"].asUInt());
+}
+
+}  // namespace
