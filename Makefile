@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build test asan tsan bench fuzz lint format clean
+.PHONY: all deps build demo test asan tsan bench fuzz lint format clean
 
 all: build
 
@@ -12,6 +12,10 @@ deps:
 build: deps
 	cmake -S . -B build -G Ninja $(CMAKE_FLAGS)
 	cmake --build build -j $(JOBS)
+
+# A few seconds of the library at work, in a private sandbox (examples/demo.sh).
+demo: build
+	build/cmdbctl sandbox -- sh examples/demo.sh build/cmdbctl
 
 test: build
 	ctest --test-dir build -j $(JOBS) --output-on-failure
