@@ -295,23 +295,24 @@ TEST_F(WriterTest, RandomizedChangesKeepEveryReaderStructureRight) {
   Model m;
   m.tops[{0, kLog}].gid = kLog;
   m.tops[{0, kAddress}].gid = kAddress;
-  uint32_t next_id = 1;
   int refused = 0;
 
-  for (int step = 0; step < 3000; ++step) {
+  for (int step = 0; step < 5000; ++step) {
     SCOPED_TRACE("step " + std::to_string(step));
     const uint32_t version = cmdb_get_version();
     std::vector<Change> ch;
-    const int op = static_cast<int>(rng() % 100);
+    // Phases of growth and of shrinking, so that tables also give room back.
+    const int op = static_cast<int>(rng() % 100), inserts = step % 2000 < 1400 ? 60 : 15;
     int r = 0;
     if (step % 5 == 0) {
       ASSERT_EQ(0, w_.begin());  // the same, in a transaction of the caller's
     }
-    if (op < 2 || m.domains.empty()) {  // domains come, get renamed and go
+    if (op < 1 || m.domains.empty()) {  // domains come, get renamed and go
       auto it = m.domains.empty() ? m.domains.end()
                                   : std::next(m.domains.begin(), static_cast<long>(rng() % m.domains.size()));
-      if (m.domains.size() < 4 || (rng() % 2 && m.domains.size() < 6)) {
-        const uint32_t id = next_id++ * 7 % 1000 + 1;
+      if (m.domains.size() < 3 || (rng() % 2 && m.domains.size() < 4)) {
+        uint32_t id = 0;
+        while (id == 0 || m.domains.count(id) != 0) id = rng() % 1000 + 1;
         const std::string name = (id % 2 ? "Dom" : "dom") + std::to_string(id);
         ASSERT_EQ(0, w_.add_domain(name.c_str(), id)) << w_.error();
         m.domains[id] = name;
@@ -346,7 +347,7 @@ TEST_F(WriterTest, RandomizedChangesKeepEveryReaderStructureRight) {
       }
       const Bytes d = random_data(rng, kShapes.at(t->gid));
       const size_t n = t->entries.size(), any = n == 0 ? 0 : rng() % n;
-      if (op < 50) {  // insert somewhere
+      if (op < inserts) {  // insert somewhere
         const int pos = rng() % 3 ? static_cast<int>(rng() % (n + 1)) : writer::kAppend;
         const cmdb_table_limit_t* lim = cmf_get_tablesize(t->gid);
         r = w_.insert(loc, d.data(), pos);
@@ -360,7 +361,7 @@ TEST_F(WriterTest, RandomizedChangesKeepEveryReaderStructureRight) {
                             EntryM{d, true, {}});
           ch.push_back({t->gid, 1, domain, {}, d});
         }
-      } else if (n > 0 && op < 80) {  // update, half the time with a new key
+      } else if (n > 0 && op < inserts + 25) {  // update, half the time with a new key
         EntryM& e = t->entries[any];
         Bytes nd = d;
         const Bytes old_key = Model::key_of(t->gid, e.data);

@@ -207,6 +207,12 @@ int ConfigWriter::walk(const Location& loc, const Plan& p, uint32_t** home, Undo
       *home = slot;
       return 0;
     }
+    // A block made by another writer may have fewer slots than the schema
+    // gives; nothing past its slots is touched.
+    const int slots = is_table(n) ? reinterpret_cast<cmdb_table_block_t*>(b)->nchild
+                                  : reinterpret_cast<cmdb_object_block_t*>(b)->nchild;
+    if (p.slots[i] >= slots)
+      return fail(-EIO, "the instance of gid %u has %d child slots, not %d", n->gid, slots, p.slots[i] + 1);
     if (is_table(n)) {
       auto* t = reinterpret_cast<cmdb_table_block_t*>(b);
       const int pos = __cmf_svr_find_table_entry(t, loc.hops()[i].key);
@@ -231,7 +237,11 @@ int ConfigWriter::insert(const Location& loc, const void* data, int position, ui
   const cmdb_node_t* key = key_node(tnode);
   if (key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
   if (data == nullptr) return fail(-EINVAL, "no data");
-  const auto* bytes = static_cast<const uint8_t*>(data);
+  // A copy, in case the caller's data lies in the region, in entries about to move.
+  const std::vector<uint8_t> copy(static_cast<const uint8_t*>(data),
+                                  static_cast<const uint8_t*>(data) + tnode->size);
+  data = copy.data();
+  const uint8_t* bytes = copy.data();
   if (!key_terminated(key, bytes + key->offset))
     return fail(-EINVAL, "the key of table %u is not terminated", gid);
 
@@ -304,7 +314,10 @@ int ConfigWriter::update(const Location& loc, const void* key_value, const void*
   const cmdb_node_t* key = key_node(tnode);
   if (key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
   if (key_value == nullptr || data == nullptr) return fail(-EINVAL, "no key or no data");
-  const auto* bytes = static_cast<const uint8_t*>(data);
+  const std::vector<uint8_t> copy(static_cast<const uint8_t*>(data),
+                                  static_cast<const uint8_t*>(data) + tnode->size);
+  data = copy.data();
+  const uint8_t* bytes = copy.data();
   if (!key_terminated(key, bytes + key->offset))
     return fail(-EINVAL, "the key of table %u is not terminated", gid);
 
