@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test asan tsan bench fuzz lint format clean
+.PHONY: all deps build demo test stress asan tsan bench fuzz lint format clean
 
 all: build
 
@@ -19,6 +19,12 @@ demo: build
 
 test: build
 	ctest --test-dir build -j $(JOBS) --output-on-failure
+
+# The load test alone, for DURATION seconds with READERS reader processes.
+DURATION ?= 300
+READERS ?= 4
+stress: build
+	GK_STRESS_SECONDS=$(DURATION) GK_STRESS_READERS=$(READERS) build/tests/stress/stress_test
 
 asan: deps
 	cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGK_SANITIZE=address,undefined \
