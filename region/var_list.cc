@@ -330,13 +330,16 @@ GK_API int cmf_var_list_alloc(const char* name) noexcept {
       st.mapped = moved;
       st.mapped_len = want;
       head = static_cast<cmdb_var_list_head_t*>(moved);
-      std::atomic_ref<uint32_t>(head->capacity).store(grown, std::memory_order_release);
+      // The file is lengthened before the capacity is published: a grower
+      // killed in between must not leave a capacity that other processes map
+      // and fill past the end of the file (SIGBUS).
       int fd = cmdb_shm_open(region::kGrowableName, 1);
       if (fd >= 0) {
         int r = ::ftruncate(fd, static_cast<off_t>(want));
         (void)r;   // a short file shows up as capacity no reader can map yet
         ::close(fd);
       }
+      std::atomic_ref<uint32_t>(head->capacity).store(grown, std::memory_order_release);
     }
   }
   dbgz_wunlock(1);
