@@ -194,6 +194,9 @@ struct OwnerFigures {
   uint64_t commits = 0, changes = 0, inserts = 0, updates = 0, moves = 0, removes = 0, tags = 0, refused = 0;
   uint64_t domain_adds = 0, domain_removals = 0, large_moves = 0, failed = 0;
   uint32_t max_entries = 0, max_table_bytes = 0;
+  uint64_t checks = 0, check_faults = 0;
+  uint32_t checked_entries = 0;
+  std::string first_check_fault;
 };
 
 class Owner {
@@ -208,6 +211,13 @@ class Owner {
     bool changed = false;
     for (int n = 1 + static_cast<int>(rng_() % 3); n > 0; --n) changed |= change(growing);
     watch_global_table();
+    if (++transactions_ % 2000 == 0) {  // the whole check, mid-run, while the tables are full or draining
+      const CheckReport r = check_region();
+      ++f.checks;
+      f.check_faults += static_cast<uint64_t>(r.errors);
+      f.checked_entries = std::max(f.checked_entries, r.entries);
+      if (r.errors != 0 && f.first_check_fault.empty()) f.first_check_fault = r.first;
+    }
     if (changed) store(sh_->version, before + 1);
     if (w_.commit() != 0) ++f.failed;
     // MAIN UNLOCK
@@ -305,6 +315,7 @@ class Owner {
   std::mt19937 rng_;
   writer::ConfigWriter w_;
   uint32_t serial_ = 0, domain_serial_ = 0, last_global_ = 0;
+  uint64_t transactions_ = 0;
 };
 
 TEST(StressTest, ReadersNeverSeeTornOrLostEntriesWhileTheOwnerWrites) {
@@ -356,6 +367,8 @@ TEST(StressTest, ReadersNeverSeeTornOrLostEntriesWhileTheOwnerWrites) {
          double(all.probes) / reader_s, double(all.scanned) / reader_s, all.domain_checks, all.events, all.event_checks);
   printf("faults: torn %lu, lost %lu, ghost %lu, stale %lu, wrong version %lu, domain %lu, failed calls %lu\n",
          all.torn, all.lost, all.ghost, all.stale, all.wrong_version, all.domain_faults, all.failed_calls);
+  printf("checks during the run: %lu, up to %u entries, %lu faults\n%s", o.checks, o.checked_entries,
+         o.check_faults, o.first_check_fault.c_str());
   printf("final check: %u tables (%u large), %u entries, %u domains, %u blocks reachable of %u allocated, %d faults\n%s",
          check.tables, check.large_tables, check.entries, check.domains, check.blocks, check.allocated, check.errors,
          check.first.c_str());
@@ -364,6 +377,8 @@ TEST(StressTest, ReadersNeverSeeTornOrLostEntriesWhileTheOwnerWrites) {
   EXPECT_EQ(0u, all.torn + all.lost + all.ghost + all.stale + all.wrong_version + all.domain_faults);
   EXPECT_EQ(0u, all.failed_calls);
   EXPECT_EQ(0, check.errors) << check.first;
+  EXPECT_EQ(0u, o.check_faults) << o.first_check_fault;
+  EXPECT_GT(o.checks, 0u);
   EXPECT_EQ(0u, o.failed);
   // The run must have done what it claims to exercise.
   EXPECT_GT(all.probes, 1000u);
