@@ -126,7 +126,7 @@ void BM_LockedReadString(benchmark::State& state) {
     benchmark::DoNotOptimize(row);
   }
 }
-BENCHMARK(BM_LockedReadString)->Arg(3000);
+BENCHMARK(BM_LockedReadString)->Arg(2048);
 
 void BM_FindStringInRegion(benchmark::State& state) {
   if (owner() == nullptr) return state.SkipWithError("no region");
@@ -141,7 +141,7 @@ void BM_FindStringInRegion(benchmark::State& state) {
     benchmark::DoNotOptimize(pos);
   }
 }
-BENCHMARK(BM_FindStringInRegion)->Arg(3000);
+BENCHMARK(BM_FindStringInRegion)->Arg(2048);
 
 void BM_AddRemoveDomain(benchmark::State& state) {
   if (owner() == nullptr) return state.SkipWithError("no region");
