@@ -1,6 +1,10 @@
 // Translation and allocation costs in the owner process.
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
+
+#include <boost/interprocess/managed_shared_memory.hpp>
+#include <string>
 #include <vector>
 
 #include "tests/alloc_fixture.h"
@@ -64,5 +68,54 @@ void BM_LargeBlockPage(benchmark::State& state) {
   }
 }
 BENCHMARK(BM_LargeBlockPage);
+
+// The peer: Boost.Interprocess's segment allocator in a shared memory segment
+// of this process, removed afterwards.
+class BoostHeap {
+ public:
+  BoostHeap() : name_("gk_bench_heap_" + std::to_string(::getpid())) {
+    boost::interprocess::shared_memory_object::remove(name_.c_str());
+    heap = new boost::interprocess::managed_shared_memory(boost::interprocess::create_only, name_.c_str(), 64 << 20);
+  }
+  ~BoostHeap() {
+    delete heap;
+    boost::interprocess::shared_memory_object::remove(name_.c_str());
+  }
+  boost::interprocess::managed_shared_memory* heap;
+
+ private:
+  std::string name_;
+};
+
+void BM_AllocFreePair_Boost(benchmark::State& state) {
+  BoostHeap b;
+  const auto size = static_cast<size_t>(state.range(0));
+  void* anchor = b.heap->allocate(size);
+  for (auto _ : state) {
+    void* p = b.heap->allocate(size);
+    benchmark::DoNotOptimize(p);
+    b.heap->deallocate(p);
+  }
+  b.heap->deallocate(anchor);
+}
+BENCHMARK(BM_AllocFreePair_Boost)->Arg(20)->Arg(100)->Arg(1000);
+
+// As many blocks as one of our slabs holds, allocated then freed.
+void BM_SlabLifecycle_Boost(benchmark::State& state) {
+  const auto size = static_cast<uint32_t>(state.range(0));
+  uint32_t num = 0;
+  {
+    AllocRegion region;
+    num = AllocRegion::caches()->cache[cmdb_find_cache_idx(size)].num;
+  }
+  BoostHeap b;
+  std::vector<void*> blocks(num);
+  for (auto _ : state) {
+    for (void*& p : blocks) p = b.heap->allocate(size);
+    for (void* p : blocks) b.heap->deallocate(p);
+  }
+  state.SetItemsProcessed(int64_t(state.iterations()) * num);
+}
+BENCHMARK(BM_SlabLifecycle_Boost)->Arg(20)->Arg(1000);
 
 }  // namespace

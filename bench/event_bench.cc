@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <vector>
@@ -100,11 +101,16 @@ class Receivers {
 
 uint8_t g_data1[64], g_data2[64];
 
+// The ways a message goes out: the bare path with a new socket per message (the
+// design's own floor), the bare path through one socket kept open, and the library.
+enum class Path { kRaw, kRawKept, kEvent };
+
 // What the sender does per announcement on the bare path: one message to each receiver.
-void raw_announce(int receivers) {
+void raw_announce(int receivers, bool kept) {
   constexpr uint32_t kSize = 4;
+  static const int kept_fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   for (int i = 0; i < receivers; ++i) {
-    int fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    int fd = kept ? kept_fd : ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     auto* m = static_cast<cmdb_event_msg_t*>(calloc(1, sizeof(cmdb_event_msg_t) + 2 * kSize));
     m->gid = kGid, m->act = 0x02, m->data_size = kSize, m->total_size = sizeof *m + 2 * kSize;
     memcpy(reinterpret_cast<uint8_t*>(m + 1), g_data1 + 8, kSize);
@@ -112,41 +118,112 @@ void raw_announce(int receivers) {
     sockaddr_un a = raw_addr(i);
     ::sendto(fd, m, m->total_size, MSG_DONTWAIT, reinterpret_cast<sockaddr*>(&a),
              static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + strlen(a.sun_path)));
-    ::close(fd);
+    if (!kept) ::close(fd);
     free(m);
   }
 }
 
-void announce(bool raw, int receivers) {
-  if (raw)
-    raw_announce(receivers);
+void announce(Path path, int receivers) {
+  if (path != Path::kEvent)
+    raw_announce(receivers, path == Path::kRawKept);
   else if (cmdb_event_call_daemon(kGid, 2, g_data1, g_data2, nullptr) != 0)
     abort();
 }
 
-void BM_Latency(benchmark::State& state, bool raw) {
+double now_s() {
+  timespec ts;
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
+}
+
+void BM_Latency(benchmark::State& state, Path path) {
   gk::test::EventRegion ev({{kGid, 5, 0, 4, 8}});
-  Receivers rx(static_cast<int>(state.range(0)), 1, raw);
+  Receivers rx(static_cast<int>(state.range(0)), 1, path != Path::kEvent);
   for (auto _ : state) {
-    announce(raw, rx.n());
+    announce(path, rx.n());
     rx.wait_acks(rx.n());
   }
   state.SetItemsProcessed(state.iterations());
 }
 
-void BM_Throughput(benchmark::State& state, bool raw) {
+void BM_Throughput(benchmark::State& state, Path path) {
   gk::test::EventRegion ev({{kGid, 5, 0, 4, 8}});
-  Receivers rx(static_cast<int>(state.range(0)), kBatch, raw);
+  Receivers rx(static_cast<int>(state.range(0)), kBatch, path != Path::kEvent);
   for (auto _ : state) {
-    for (int i = 0; i < kBatch; ++i) announce(raw, rx.n());
+    for (int i = 0; i < kBatch; ++i) announce(path, rx.n());
     rx.wait_acks(rx.n());
   }
   state.SetItemsProcessed(state.iterations() * kBatch);
 }
 
-BENCHMARK_CAPTURE(BM_Latency, raw, true)->Arg(1)->Arg(4)->UseRealTime();
-BENCHMARK_CAPTURE(BM_Latency, event, false)->Arg(1)->Arg(4)->UseRealTime();
-BENCHMARK_CAPTURE(BM_Throughput, raw, true)->Arg(1)->Arg(4)->UseRealTime();
-BENCHMARK_CAPTURE(BM_Throughput, event, false)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Latency, raw, Path::kRaw)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Latency, raw_kept, Path::kRawKept)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Latency, event, Path::kEvent)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Throughput, raw, Path::kRaw)->Arg(1)->Arg(4)->UseRealTime();
+BENCHMARK_CAPTURE(BM_Throughput, event, Path::kEvent)->Arg(1)->Arg(4)->UseRealTime();
+
+// The sender's own time per announcement, the receivers' handling untimed;
+// items are messages, so the per-item time is the cost per receiver.
+void BM_SendCost(benchmark::State& state, Path path) {
+  gk::test::EventRegion ev({{kGid, 5, 0, 4, 8}});
+  Receivers rx(static_cast<int>(state.range(0)), 1, path != Path::kEvent);
+  for (auto _ : state) {
+    const double t0 = now_s();
+    announce(path, rx.n());
+    state.SetIterationTime(now_s() - t0);
+    rx.wait_acks(rx.n());
+  }
+  state.SetItemsProcessed(state.iterations() * rx.n());
+}
+BENCHMARK_CAPTURE(BM_SendCost, raw, Path::kRaw)->Arg(1)->Arg(4)->UseManualTime();
+BENCHMARK_CAPTURE(BM_SendCost, raw_kept, Path::kRawKept)->Arg(1)->Arg(4)->UseManualTime();
+BENCHMARK_CAPTURE(BM_SendCost, event, Path::kEvent)->Arg(1)->Arg(4)->UseManualTime();
+
+int g_received = 0;
+int count_handler(cmdb_event_msg_t*) {
+  ++g_received;
+  return 0;
+}
+
+// The receiver's own time per message, in this process: kBatch messages are
+// queued untimed, then taken off the socket and handled. The bare path peeks
+// the 48-byte header, mallocs, receives and frees.
+void BM_ReceiveCost(benchmark::State& state, Path path) {
+  gk::test::EventRegion ev({{kGid, 5, 0, 4, 8}});
+  const sockaddr_un a = raw_addr(0);
+  int raw_fd = -1;
+  if (path == Path::kEvent) {
+    if (cmdb_event_init("benchrx", 0) < 0 || register_cmdb_event(kGid, 0x02, EVENT_WITH_DATA, count_handler) != 0)
+      return state.SkipWithError("event init");
+  } else {
+    raw_fd = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    ::unlink(a.sun_path);
+    if (raw_fd < 0 || ::bind(raw_fd, reinterpret_cast<const sockaddr*>(&a), sizeof a) != 0)
+      return state.SkipWithError("bind");
+  }
+  g_received = 0;
+  for (auto _ : state) {
+    for (int i = 0; i < kBatch; ++i) announce(path, 1);
+    const double t0 = now_s();
+    for (int i = 0; i < kBatch; ++i) {
+      if (path == Path::kEvent) {
+        do_cmdb_event_handling();
+        continue;
+      }
+      cmdb_event_msg_t head;
+      if (::recv(raw_fd, &head, sizeof head, MSG_PEEK) != sizeof head) continue;
+      void* m = malloc(head.total_size);
+      if (::recv(raw_fd, m, head.total_size, 0) == static_cast<ssize_t>(head.total_size)) ++g_received;
+      free(m);
+    }
+    state.SetIterationTime(now_s() - t0);
+  }
+  if (g_received != static_cast<int>(state.iterations()) * kBatch) state.SkipWithError("messages lost");
+  if (raw_fd >= 0) ::close(raw_fd);
+  if (path == Path::kEvent) cmdb_event_cleanup();
+  state.SetItemsProcessed(state.iterations() * kBatch);
+}
+BENCHMARK_CAPTURE(BM_ReceiveCost, raw, Path::kRaw)->UseManualTime();
+BENCHMARK_CAPTURE(BM_ReceiveCost, event, Path::kEvent)->UseManualTime();
 
 }  // namespace

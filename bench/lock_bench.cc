@@ -37,7 +37,7 @@ BENCHMARK(BM_NestedReadLockPair);
 
 // The baseline: one -1/+1 pair with SEM_UNDO on a private semaphore, shared by
 // the threads of the two-thread run as the main lock is.
-void BM_BareSemopPair(benchmark::State& state) {
+void BM_Floor_SemopPair(benchmark::State& state) {
   static const int id = [] {
     int made = ::semget(IPC_PRIVATE, 1, IPC_CREAT | 0600);
     struct sembuf fill = {0, CMDB_RWLOCK_FULL, 0};
@@ -50,7 +50,7 @@ void BM_BareSemopPair(benchmark::State& state) {
     ::semop(id, &up, 1);
   }
 }
-BENCHMARK(BM_BareSemopPair)->Threads(1)->Threads(2)->UseRealTime();
+BENCHMARK(BM_Floor_SemopPair)->Threads(1)->Threads(2)->UseRealTime();
 
 void BM_ReadLockPair(benchmark::State& state) {
   attach_locks();

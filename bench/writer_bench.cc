@@ -98,6 +98,51 @@ void BM_BatchedInserts(benchmark::State& state) {
 }
 BENCHMARK(BM_BatchedInserts)->Unit(benchmark::kMicrosecond);
 
+// A reader's whole lookup of one row: lock, the domain's root entity, the
+// table's translation, the find, the row's data copied out, unlock; and the
+// find alone on the same table, for the ratio.
+struct UserProbes {
+  explicit UserProbes(int n) : domain(domain_with(n)) {
+    for (int i = 0; i < n; ++i) keys.push_back(user(i * 7919 % n));  // a stride that visits all
+  }
+  const void* key(size_t j) const { return keys[j % keys.size()].data(); }
+  uint32_t domain;
+  std::vector<std::vector<uint8_t>> keys;
+};
+
+void BM_LockedReadString(benchmark::State& state) {
+  if (owner() == nullptr) return state.SkipWithError("no region");
+  const UserProbes p(static_cast<int>(state.range(0)));
+  uint8_t row[40];
+  size_t j = 0;
+  for (auto _ : state) {
+    cmf_shm_read_lock();
+    const uint32_t* root = cmdb_find_root_entity(p.domain, kUser);
+    void* table = root != nullptr ? cmf_ptr_from_shmid(*root, 0) : nullptr;
+    const int pos = table != nullptr ? __cmf_svr_find_table_entry(table, p.key(j++)) : -1;
+    if (pos >= 0) memcpy(row, cmf_get_entry_data(table, static_cast<uint32_t>(pos)), sizeof row);
+    cmf_shm_read_unlock();
+    if (pos < 0) return state.SkipWithError("row not found");
+    benchmark::DoNotOptimize(row);
+  }
+}
+BENCHMARK(BM_LockedReadString)->Arg(2048);
+
+void BM_FindStringInRegion(benchmark::State& state) {
+  if (owner() == nullptr) return state.SkipWithError("no region");
+  const UserProbes p(static_cast<int>(state.range(0)));
+  cmf_shm_read_lock();
+  void* table = cmf_ptr_from_shmid(*cmdb_find_root_entity(p.domain, kUser), 0);
+  cmf_shm_read_unlock();
+  size_t j = 0;
+  for (auto _ : state) {
+    const int pos = __cmf_svr_find_table_entry(table, p.key(j++));
+    if (pos < 0) return state.SkipWithError("row not found");
+    benchmark::DoNotOptimize(pos);
+  }
+}
+BENCHMARK(BM_FindStringInRegion)->Arg(2048);
+
 void BM_AddRemoveDomain(benchmark::State& state) {
   if (owner() == nullptr) return state.SkipWithError("no region");
   writer::ConfigWriter& w = *owner();

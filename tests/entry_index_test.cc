@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <numeric>
 #include <random>
 #include <string>
 #include <vector>
@@ -246,6 +247,51 @@ TEST_F(EntryIndexTest, RandomizedAgainstSortedModel) {
   run_model<VersionKey>(strings, rng, [](std::mt19937& r) {
     VersionKey k = {};
     snprintf(k.text, sizeof k.text, "%c%u.%u", "ab"[r() % 2], unsigned(r() % 40), unsigned(r() % 60));
+    return k;
+  });
+}
+
+// Tables past the caches take another search path (fetching ahead); it must
+// find, miss and place keys exactly as the model's order says.
+template <class Key, class Make>
+void check_large_table(TableFixture& t, int n, Make make) {
+  std::vector<Key> keys(static_cast<size_t>(n));
+  for (int i = 0; i < n; ++i) keys[i] = make(static_cast<uint32_t>(i) * 2);  // odd inputs stay absent
+  uint32_t index_shmid = 0;
+  auto* ix = static_cast<cmdb_entry_index_t*>(cmf_shm_alloc(16 + 4 * static_cast<uint32_t>(n + 1), &index_shmid));
+  ASSERT_NE(nullptr, ix);
+  cmf_shm_free(t.table()->index);
+  t.table()->index = index_shmid;
+  ix->kind = CMDB_BLK_INDEX, ix->key_gid = t.key->gid, ix->capacity = n + 1, ix->count = n;
+  t.table()->count = n;
+  for (int i = 0; i < n; ++i) memcpy(t.key_at(i), &keys[i], sizeof(Key));
+  std::iota(ix->slot, ix->slot + n, 0u);
+  std::sort(ix->slot, ix->slot + n, [&](uint32_t a, uint32_t b) { return keys[a] < keys[b]; });
+  std::mt19937 rng(7);
+  for (int probe = 0; probe < 3000; ++probe) {
+    const int pos = static_cast<int>(rng() % static_cast<uint32_t>(n));
+    ASSERT_EQ(pos, t.find(&keys[pos])) << probe;
+    const Key absent = make(rng() % static_cast<uint32_t>(2 * n) | 1u);
+    ASSERT_EQ(-1, t.find(&absent)) << probe;
+  }
+  for (int probe = 0; probe < 4; ++probe) {  // the insertion point of a missing key
+    const Key absent = make(rng() % static_cast<uint32_t>(2 * n) | 1u);
+    const auto below = std::count_if(keys.begin(), keys.end(), [&](const Key& k) { return k < absent; });
+    ASSERT_EQ(0, t.insert_at(n, &absent));
+    EXPECT_EQ(static_cast<uint32_t>(n), t.index()->slot[below]) << probe;
+    ASSERT_EQ(0, t.erase(n));
+  }
+}
+
+TEST_F(EntryIndexTest, LargeTablesFindMissAndPlaceAsTheModel) {
+  NodeSpace ns;
+  constexpr int kInts = 400000, kStrings = 250000;  // both well past 6 MiB of slots and entries
+  TableFixture ints(ns, 80, 0, 4, 4, 8, 0, kInts + 1);
+  check_large_table<uint32_t>(ints, kInts, [](uint32_t i) { return i * 2654435761u; });
+  TableFixture strings(ns, 90, 5, 12, 4, 16, 0, kStrings + 1);
+  check_large_table<VersionKey>(strings, kStrings, [](uint32_t i) {
+    VersionKey k = {};
+    snprintf(k.text, sizeof k.text, "h%u.%02u", i / 100, i % 100);
     return k;
   });
 }

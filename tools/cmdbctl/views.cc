@@ -66,7 +66,7 @@ std::string classes(uint8_t act) {
   if (act == 0x7F) return "all";
   std::string s;
   for (int b = 0; b < 7; ++b)
-    if (act & (1u << b)) s += (s.empty() ? "" : ",") + std::string(names[b]);
+    if (act & (1u << b)) s.append(s.empty() ? "" : ",").append(names[b]);
   return s.empty() ? "-" : s;
 }
 

@@ -99,7 +99,7 @@ int on_event(cmdb_event_msg_t* msg) {
     const uint8_t* any = d2 != nullptr ? d2 : d1;
     if (sized && k != nullptr && any != nullptr) {
       Json::Value key = decode_value(*k, any);
-      what += "[" + (key.isString() ? key.asString() : compact(key)) + "]";
+      what.append("[").append(key.isString() ? key.asString() : compact(key)).append("]");
     }
     if (!sized || any == nullptr) detail = msg->data_size == 0 ? "(no data)" : format("(%u bytes)", msg->data_size);
     else if (d1 != nullptr && d2 != nullptr) detail = changes(*e, d1, d2);
