@@ -349,7 +349,7 @@ TEST_F(RegionTest, SchemasBeyondTheFixedTablesAreRefused) {
       {kTables, 120, 0, nullptr}, {kTables, 121, -14, "table limits holds at most 124 records, the schema needs 125"},
       {kSql, 83, 0, nullptr},     {kSql, 84, -14, "cmdb_sql_node holds at most 85 records, the schema needs 86"},
       {kRefs, 80, 0, nullptr},    {kRefs, 81, -14, "cmdb_datasource holds at most 328 records, the schema needs 330"},
-      {kGid, 1860, 0, nullptr},   {kGid, 1861, -11, "gid 1861 of node extra is out of range, max 1860"},
+      {kGid, 1861, 0, nullptr},   {kGid, 1862, -11, "gid 1862 of node extra is out of range, max 1861\n"},
       {kGid, 1900, -11, "gid 1900 of node extra is out of range"}};
   for (const auto& row : rows) {
     SampleSchema s;   // plus row.n nodes of one sort (or one node of gid row.n)
