@@ -61,7 +61,7 @@ int count_visit(cmdb_node_desc_t* d, int, uintptr_t, uintptr_t*, void* ctx) {
   // is sized here like any other; it is just not a node anyone looks up.
   if (gid != 0) c->total_node += 1;
   c->node_size += record_size(d);
-  if (has_default_block(kind_of(d))) c->data_total += d->size;
+  if (gid != 0 && has_default_block(kind_of(d))) c->data_total += d->size;
   if (kind_of(d) == 2) c->tables += 1;
   if (carries_sql(d)) c->sql += 1;
   c->pairs += ref_count(d);
