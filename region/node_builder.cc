@@ -14,6 +14,9 @@ namespace {
 
 constexpr int kNodeHead = static_cast<int>(sizeof(cmdb_node_t));   // 24
 constexpr uint32_t kSlots = static_cast<uint32_t>(kIndexSlots);   // gid 1861 has none
+// Gid 1861 is a real node, but the index ends just before its slot: its record
+// is built and lookups by gid simply do not find it.
+bool indexed(uint32_t gid) { return gid != 0 && gid < kSlots; }
 
 cmdb_table_limits_t g_limits;   // process-local; copied into `cmdb_global`
 
@@ -49,16 +52,16 @@ struct Count {
 int count_visit(cmdb_node_desc_t* d, int, uintptr_t, uintptr_t*, void* ctx) {
   auto* c = static_cast<Count*>(ctx);
   uint32_t gid = gid_of(d);
-  if (gid >= kSlots) {
+  if (gid > CMDB_MAX_GID) {
     dbg_cmdb(3, "%s,%d, gid %u of node %s is out of range, max %u\n", kSource, __LINE__, gid,
-             d->name != nullptr ? d->name : "", kSlots - 1);
+             d->name != nullptr ? d->name : "", CMDB_MAX_GID);
     return kErrGidRange;
   }
   // A gid-0 descriptor still gets a record (its children hang off it), so it
   // is sized here like any other; it is just not a node anyone looks up.
   if (gid != 0) c->total_node += 1;
   c->node_size += record_size(d);
-  if (has_default_block(kind_of(d))) c->data_total += d->size;
+  if (gid != 0 && has_default_block(kind_of(d))) c->data_total += d->size;
   if (kind_of(d) == 2) c->tables += 1;
   if (carries_sql(d)) c->sql += 1;
   c->pairs += ref_count(d);
@@ -128,7 +131,7 @@ int build_visit(cmdb_node_desc_t* d, int i, uintptr_t parent, uintptr_t* own, vo
     return kErrNodeMap;
   }
   const uint32_t gid = gid_of(d);
-  if (gid >= kSlots) return kErrGidRange;
+  if (gid > CMDB_MAX_GID) return kErrGidRange;
   cmdb_node_t h{};
   h.gid = static_cast<uint16_t>(gid);
   h.scope = (d->type_scope >> 4) & 3;
@@ -144,7 +147,7 @@ int build_visit(cmdb_node_desc_t* d, int i, uintptr_t parent, uintptr_t* own, vo
     within("table limits", g_limits.count + 1, CMDB_TABLE_LIMITS_MAX);
     return kErrSideTable;
   }
-  if (gid != 0) b->index[gid] = static_cast<uint32_t>(r);
+  if (indexed(gid)) b->index[gid] = static_cast<uint32_t>(r);
   uint8_t* defaults = default_block(*b, r, h);
   if ((h.kind == 2 || h.kind == 3 || h.kind == 4) && d->defaults != nullptr) {
     memcpy(defaults, d->defaults, h.size);

@@ -12,7 +12,9 @@ GK_API void* nCfg_debug_zone;
 namespace {
 uint32_t g_saved_version = 0;  // process-local; compared by cmdb_version_changed
 
+// Without a mapped header there is no counter: reads give 0 rather than fault.
 uint32_t load_version() {
+  if (cmdb.header == nullptr) return 0;
   return std::atomic_ref<uint32_t>(cmdb.header->version).load(std::memory_order_relaxed);
 }
 }  // namespace
@@ -27,6 +29,7 @@ GK_API void set_shmtree_root(void* root) noexcept { cmdb.cmdb_node = root; }
 GK_API uint32_t get_cmdb_updatetime(void) noexcept { return load_version(); }
 GK_API uint32_t cmdb_get_version(void) noexcept { return load_version(); }
 GK_API uint32_t cmdb_get_owner(void) noexcept {
+  if (cmdb.header == nullptr) return 0;
   return std::atomic_ref<uint32_t>(cmdb.header->owner).load(std::memory_order_relaxed);
 }
 GK_API void cmdb_save_version(void) noexcept { g_saved_version = load_version(); }
@@ -35,6 +38,7 @@ GK_API int cmdb_version_changed(void) noexcept { return load_version() != g_save
 // REQUIRES: main lock held exclusive; the increment is a plain read-modify-write.
 GK_API uint32_t set_cmdb_nxt_update(void) noexcept {
   cmdb_header_t* h = cmdb.header;
+  if (h == nullptr) return 0;
   std::atomic_ref<uint32_t>(h->owner).store(static_cast<uint32_t>(util::self_pid()), std::memory_order_relaxed);
   uint32_t old = load_version();
   std::atomic_ref<uint32_t>(h->version).store(old + 1, std::memory_order_release);
@@ -44,6 +48,7 @@ GK_API uint32_t set_cmdb_nxt_update(void) noexcept {
 GK_API void* cmf_shm_statistics(void) noexcept { return cmdb.statistics; }
 
 GK_API uint32_t orv_mail_mode(void) noexcept {
+  if (nCfg_debug_zone == nullptr) return 0;
   auto* word = reinterpret_cast<uint32_t*>(static_cast<char*>(nCfg_debug_zone) + DZ_MAIL_MODE);
   return std::atomic_ref<uint32_t>(*word).load(std::memory_order_relaxed);
 }

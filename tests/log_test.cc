@@ -42,6 +42,26 @@ TEST(LogTest, DebugBitWritesToStandardOutputOnly) {
   EXPECT_EQ("", captured_log());
 }
 
+TEST(LogTest, DebugOutputIsNotLeftInTheStdioBuffer) {
+  gk::test::MiniRegion region;
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  fflush(stdout);   // the child must inherit an empty buffer
+  pid_t pid = fork();
+  if (pid == 0) {
+    dup2(fds[1], 1);   // a pipe: stdio buffers it fully
+    cmdb.flags |= CMDB_FLAG_DEBUG;
+    dbg_cmdb(3, "last words %d\n", 7);
+    _exit(0);          // no stdio flush on the way out
+  }
+  close(fds[1]);
+  char buf[64] = {};
+  ssize_t n = read(fds[0], buf, sizeof buf - 1);
+  close(fds[0]);
+  ASSERT_EQ(0, gk::test::wait_child(pid));
+  EXPECT_EQ("last words 7\n", std::string(buf, n > 0 ? size_t(n) : 0));
+}
+
 TEST(LogTest, SandboxIsPrivate) {
   // Each test process has its own empty /dev/cmdb and IPC namespace.
   struct stat st;

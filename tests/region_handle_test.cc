@@ -1,6 +1,8 @@
 // The process handle and the shared header: version bookkeeping across processes.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "tests/test_support.h"
 
 namespace {
@@ -10,6 +12,11 @@ TEST(RegionHandleTest, NothingMappedBeforeAttach) {
   EXPECT_EQ(nullptr, get_cmdb_dzone());
   EXPECT_EQ(nullptr, get_shmtree_root());
   EXPECT_EQ(static_cast<void*>(cmdb.statistics), cmf_shm_statistics());
+  // Nothing to read or count without a header or debug zone: zeros, no fault.
+  cmdb_save_version();
+  EXPECT_EQ(std::make_tuple(0u, 0u, 0u, 0, 0u, 0u),
+            std::make_tuple(cmdb_get_version(), get_cmdb_updatetime(), cmdb_get_owner(), cmdb_version_changed(),
+                            set_cmdb_nxt_update(), orv_mail_mode()));
 }
 
 TEST(RegionHandleTest, VersionChangeSeenFromAnotherProcess) {

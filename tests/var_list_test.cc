@@ -58,13 +58,29 @@ TEST_F(VarListTest, RefusesWhatIsNotTheGrowableList) {
   EXPECT_EQ(-1, cmf_var_list_alloc(nullptr));
   EXPECT_EQ(-1, cmf_var_list_alloc("nope"));
   EXPECT_EQ(-1, cmf_var_list_alloc("admin_login"));   // names compare exactly
-  EXPECT_EQ(-1, cmf_var_list_alloc("devices"));       // no growable head there
   EXPECT_EQ(-1, cmf_var_list_update(nullptr));
-  EXPECT_EQ(-1, cmf_var_list_update(&cmdb.devices));
   EXPECT_EQ(-2, cmf_var_list_update(&cmdb.admin_login_status));   // no unit yet
+  void* none = nullptr;
+  EXPECT_EQ(-2, cmf_var_list_update(&none));
+  // Other var lists have no growable head: a zero where the unit would be reads
+  // as no unit, anything else is refused; neither is remapped or grown.
+  const std::vector<uint8_t> page_before = gk::test::read_file("/dev/cmdb/page");
+  struct { void* cmdb_record_t::*field; const char* name; int update, alloc; } rows[] = {
+      {&cmdb_record_t::devices, "devices", -2, -2},
+      {&cmdb_record_t::daemon_status, "daemon_status", -2, -2},
+      {&cmdb_record_t::page, "page", -1, -2},   // the first slot's generation sits there
+  };
+  for (const auto& row : rows) {
+    void* base = cmdb.*row.field;
+    EXPECT_EQ(row.update, cmf_var_list_update(&(cmdb.*row.field))) << row.name;
+    EXPECT_EQ(row.alloc, cmf_var_list_alloc(row.name)) << row.name;
+    EXPECT_EQ(base, cmdb.*row.field) << row.name;
+  }
+  EXPECT_EQ(page_before, gk::test::read_file("/dev/cmdb/page"));
   void* saved = cmdb.admin_login_status;
   cmdb.admin_login_status = nullptr;
   EXPECT_EQ(-2, cmf_var_list_update(&cmdb.admin_login_status));
+  EXPECT_EQ(-2, cmf_var_list_alloc("admin_login_status"));
   cmdb.admin_login_status = saved;
   EXPECT_EQ(16, file_size(kFile));
 }

@@ -8,9 +8,11 @@
 #include "util/util_internal.h"
 
 void util::emit_log(const char* fmt, va_list ap) {
-  if (cmdb.flags & CMDB_FLAG_DEBUG)
+  if (cmdb.flags & CMDB_FLAG_DEBUG) {
+    // A process may die or _exit right after the message that explains why.
     vprintf(fmt, ap);
-  else
+    fflush(stdout);
+  } else
     do_message(fmt, ap);
 }
 
