@@ -25,16 +25,10 @@ namespace {
 // threads at once; messages print the path from this buffer.
 thread_local char t_path[65];
 
-void log_both(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-void log_both(const char* fmt, ...) {
-  char text[512];
-  va_list ap;
-  va_start(ap, fmt);
-  vsnprintf(text, sizeof text, fmt, ap);
-  va_end(ap);
-  dbg_cmdb(3, "%s", text);
-  log_crash("%s", text);
-}
+// File errors go to the library log and to log_crash, each with the format and
+// its arguments as they are: the host formats them. Arguments are evaluated
+// twice, so callers pass errno through a local.
+#define LOG_BOTH(...) (dbg_cmdb(3, __VA_ARGS__), log_crash(__VA_ARGS__))
 
 PageMap* new_page_map(int64_t count) {
   if (count < 0 || count > INT32_MAX) return nullptr;
@@ -103,11 +97,12 @@ void cmdb_shm_list_dir() {
     snprintf(path, sizeof path, "%s/%s", CMDB_DIR, name);
     struct stat st;
     if (::lstat(path, &st) != 0) {
-      log_both("%-20s errno=%d\n", name, errno);
+      const int err = errno;
+      LOG_BOTH("%-20s errno=%d\n", name, err);
     } else {
       char when[64];
       if (ctime_r(&st.st_atime, when) == nullptr) when[0] = '\0';
-      log_both("%-20s %-8ld %s", name, static_cast<long>(st.st_size), when);
+      LOG_BOTH("%-20s %-8ld %s", name, static_cast<long>(st.st_size), when);
     }
     free(list[i]);
   }
@@ -132,7 +127,7 @@ int __cmdb_shm_open(const char* name, int flags) {
   if (fd < 0) {
     const int err = errno;
     const int line = __LINE__;
-    log_both("%s,%s,%d, name=%s, errno=%d, %s.\n", util::progname(), kSrc, line, path, err, strerror(err));
+    LOG_BOTH("%s,%s,%d, name=%s, errno=%d, %s.\n", util::progname(), kSrc, line, path, err, strerror(err));
     cmdb_shm_list_dir();
     print_trace(0);
     errno = err;

@@ -101,6 +101,10 @@ TEST(PageFileTest, RefusedOpensKeepErrnoAndLogTheDirectory) {
     std::string listing;
     for (const char* n : {"page", "link", "dir", "2", "1", "..", "."}) listing += listing_line(n) + "[crash] " + listing_line(n);
     EXPECT_NE(std::string::npos, log.find(listing + "[trace]\n")) << log;
+    // The host's log functions get the formats themselves, not pre-formatted text.
+    std::vector<std::string> formats(2, "%s,%s,%d, name=%s, errno=%d, %s.\n");
+    formats.resize(2 + 2 * 7, "%-20s %-8ld %s");
+    EXPECT_EQ(formats, gk::test::captured_formats());
   }
 }
 

@@ -16,8 +16,10 @@
 namespace gk::test {
 namespace {
 std::string g_log;
+std::vector<std::string> g_formats;
 
 void append_v(const char* fmt, va_list ap) {
+  g_formats.push_back(fmt);
   char buf[4096];
   va_list copy;
   va_copy(copy, ap);
@@ -75,7 +77,11 @@ std::vector<std::string> open_fds() {
 }
 
 std::string& captured_log() { return g_log; }
-void clear_log() { g_log.clear(); }
+std::vector<std::string>& captured_formats() { return g_formats; }
+void clear_log() {
+  g_log.clear();
+  g_formats.clear();
+}
 
 int count_occurrences(const std::string& haystack, const std::string& needle) {
   int n = 0;

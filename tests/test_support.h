@@ -18,6 +18,8 @@ namespace gk::test {
 // last clear, formatted. The test binary's own definitions of those platform
 // functions replace the library's defaults.
 std::string& captured_log();
+// The format strings themselves, in call order: a host sees these, not just the text.
+std::vector<std::string>& captured_formats();
 void clear_log();
 int count_occurrences(const std::string& haystack, const std::string& needle);
 
