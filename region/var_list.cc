@@ -76,21 +76,6 @@ uint32_t load_shared(const uint32_t& word) {
   return std::atomic_ref<uint32_t>(const_cast<uint32_t&>(word)).load(std::memory_order_acquire);
 }
 
-// The word where a growable head keeps its unit, read from another var list's
-// mapping at `base`; 1 when pfield is no var list's field or the mapping is not
-// this process's own or too short to hold it.
-uint32_t unit_word_of_other(void** pfield, void* base) {
-  for (const Group& g : kVarListTable)
-    for (const VarList& vl : g.lists) {
-      if (vl.id == 0) break;
-      if (pfield != &(cmdb.*vl.field)) continue;
-      const VarListState& st = g_state[vl.id];
-      if (st.mapped != base || st.mapped_len < offsetof(cmdb_var_list_head_t, unit) + 4) return 1;
-      return load_shared(static_cast<const cmdb_var_list_head_t*>(base)->unit);
-    }
-  return 1;
-}
-
 }  // namespace
 
 VarListState& state_of(uint32_t id) { return g_state[id <= kMaxVarListId ? id : 0]; }
@@ -293,7 +278,7 @@ GK_API int cmf_var_list_update(void** pfield) noexcept {
   if (head == nullptr) return -2;
   // Only admin_login_status carries the growable head; remapping any other
   // sub-region by its "capacity" would read its data as a length.
-  if (pfield != &(cmdb.*vl.field)) return region::unit_word_of_other(pfield, head) == 0 ? -2 : -1;
+  if (pfield != &(cmdb.*vl.field)) return -1;
   uint32_t unit = region::load_shared(head->unit);
   if (unit == 0) return -2;
   dbgz_rlock(1);
@@ -321,9 +306,9 @@ GK_API int cmf_var_list_update(void** pfield) noexcept {
 GK_API int cmf_var_list_alloc(const char* name) noexcept {
   if (name == nullptr) return -1;
   const region::VarList* vl = region::find_by_name(name);
-  if (vl == nullptr || vl->field == nullptr) return -1;
+  // Only the growable list is ever grown; any other is refused like an unknown name.
+  if (vl == nullptr || vl->field == nullptr || vl != &region::growable()) return -1;
   void** pfield = &(cmdb.*vl->field);
-  // Any other var list fails here: only the growable one is ever grown.
   if (cmf_var_list_update(pfield) != 0) return -2;
   auto* head = static_cast<cmdb_var_list_head_t*>(*pfield);
   if (head == nullptr || region::load_shared(head->unit) == 0) return -3;

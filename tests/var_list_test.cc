@@ -62,13 +62,12 @@ TEST_F(VarListTest, RefusesWhatIsNotTheGrowableList) {
   EXPECT_EQ(-2, cmf_var_list_update(&cmdb.admin_login_status));   // no unit yet
   void* none = nullptr;
   EXPECT_EQ(-2, cmf_var_list_update(&none));
-  // Other var lists have no growable head: a zero where the unit would be reads
-  // as no unit, anything else is refused; neither is remapped or grown.
+  // Other var lists have no growable head: refused, never remapped or grown.
   const std::vector<uint8_t> page_before = gk::test::read_file("/dev/cmdb/page");
   struct { void* cmdb_record_t::*field; const char* name; int update, alloc; } rows[] = {
-      {&cmdb_record_t::devices, "devices", -2, -2},
-      {&cmdb_record_t::daemon_status, "daemon_status", -2, -2},
-      {&cmdb_record_t::page, "page", -1, -2},   // the first slot's generation sits there
+      {&cmdb_record_t::devices, "devices", -1, -1},
+      {&cmdb_record_t::daemon_status, "daemon_status", -1, -1},
+      {&cmdb_record_t::page, "page", -1, -1},
   };
   for (const auto& row : rows) {
     void* base = cmdb.*row.field;
