@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: all deps build demo test stress asan tsan bench fuzz lint format clean
+.PHONY: all deps build demo test stress asan tsan memcheck bench fuzz lint format clean
 
 all: build
 
@@ -38,15 +38,42 @@ bench: deps
 	cmake --build build-bench -j $(JOBS)
 	build-bench/bench/gk_bench $(BENCH_ARGS)
 
-# Runs each fuzz target for FUZZ_SECONDS on a working corpus seeded from tests/fuzz/corpus.
+# Runs each fuzz target for FUZZ_SECONDS on a working corpus seeded from
+# tests/fuzz/corpus/<target>; a crash leaves its input in build-fuzz/.
 FUZZ_SECONDS ?= 60
+FUZZ_TARGETS = event_receiver compare buf entry_index schema
 fuzz: deps
 	cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGK_FUZZ=ON -DGK_SANITIZE=address,undefined \
 	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ $(CMAKE_FLAGS)
-	cmake --build build-fuzz -j $(JOBS) --target event_receiver_fuzz
-	mkdir -p build-fuzz/corpus/event_receiver
-	build-fuzz/tests/fuzz/event_receiver_fuzz -max_total_time=$(FUZZ_SECONDS) \
-	  build-fuzz/corpus/event_receiver tests/fuzz/corpus/event_receiver
+	cmake --build build-fuzz -j $(JOBS) --target fuzz_targets
+	set -e; for t in $(FUZZ_TARGETS); do \
+	  mkdir -p build-fuzz/corpus/$$t; \
+	  echo "fuzz $$t: $(FUZZ_SECONDS) s"; \
+	  build-fuzz/tests/fuzz/$${t}_fuzz -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=build-fuzz/$$t- build-fuzz/corpus/$$t tests/fuzz/corpus/$$t 2>build-fuzz/$$t.log \
+	    || { tail -60 build-fuzz/$$t.log; exit 1; }; \
+	  grep -E "^stat::number_of_executed_units|^Done" build-fuzz/$$t.log; \
+	done
+
+# The threaded cases under ThreadSanitizer: the lock (per-thread read depth)
+# and the per-thread path buffer.
+TSAN_TESTS = lock_test page_file_test
+tsan: deps
+	cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DGK_SANITIZE=thread -DGK_TOOLS=OFF \
+	  -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ $(CMAKE_FLAGS)
+	cmake --build build-tsan -j $(JOBS) --target $(TSAN_TESTS)
+	TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+	  ctest --test-dir build-tsan -j $(JOBS) --output-on-failure -R '^(LockTest|PageFileTest)[.]'
+
+# Every single-process test case under valgrind memcheck: no error, no leak.
+# Cases that fork, and the long randomized runs (minutes under the checker),
+# are left to the other runs (MEMCHECK_EXCLUDE).
+MEMCHECK_EXCLUDE ?= Randomized|Process|Child|Fork|Killed|Kill|Other|Across|Concurrent|Daemon|Delivery|Cmdbctl|host[.]|demo[.]|install[.]|abi[.]
+memcheck: deps
+	cmake -S . -B build-memcheck -G Ninja -DCMAKE_BUILD_TYPE=Debug -DGK_TOOLS=ON $(CMAKE_FLAGS) \
+	  "-DGK_MEMCHECK=valgrind;--quiet;--vgdb=no;--error-exitcode=99;--leak-check=full;--errors-for-leak-kinds=definite,indirect;--child-silent-after-fork=yes;--trace-children=no"
+	cmake --build build-memcheck -j $(JOBS)
+	ctest --test-dir build-memcheck -j $(JOBS) --output-on-failure -L unit -E '$(MEMCHECK_EXCLUDE)'
 
 lint: build
 	cppcheck --quiet --error-exitcode=1 --std=c++20 --language=c++ --enable=warning,performance,portability \
@@ -59,4 +86,4 @@ format:
 	clang-format -i include/*.h */*.cc */*.h tests/*.c
 
 clean:
-	rm -rf build build-asan build-bench build-fuzz
+	rm -rf build build-asan build-bench build-fuzz build-tsan build-memcheck

@@ -44,6 +44,13 @@ int __cmf_free_page(uint32_t page);
 // REQUIRES: main lock held exclusive, owner process.
 uint32_t __cmf_shm_alloc(uint32_t size);
 
+// Bytes from `p` to the end of the allocator block that holds it, in this
+// process's mappings of the pages; 0 when p lies in no block (a slab's header
+// or links, a page this process has not mapped, or no page at all). For
+// bounding records whose counts live in shared memory.
+// REQUIRES: main lock (shared).
+size_t block_bytes_from(const void* p);
+
 // Lists "/dev/cmdb/" to the library log and log_crash, in reverse name order.
 void cmdb_shm_list_dir();
 // open(2) of a name in "/dev/cmdb/" with O_NOFOLLOW and close-on-exec; -1 with

@@ -287,7 +287,7 @@ GK_API void* cmf_shm_realloc(void* ptr, uint32_t size, uint32_t* shmid, int grou
     snprintf(name, sizeof name, "%u", page);
     const char* path = alloc::build_path(name);
     const int32_t old_len = s->len;
-    util::UniqueFd fd(::open(path, O_RDWR | O_CREAT, 0666));
+    util::UniqueFd fd(::open(path, O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0666));
     if (!fd.valid()) {
       dbg_cmdb(3, "open file %s error %s,%s,%d.\n", path, kSrc, "cmf_shm_realloc", __LINE__);
       return nullptr;

@@ -34,6 +34,42 @@ int32_t size_from_shmid(uint32_t shmid) {
   return static_cast<int32_t>(ct->cache[h->cache].objsize);
 }
 
+namespace {
+// Bytes from p to the end of its block when p lies in the page of slot s.
+size_t block_bytes_in(const PageMapSlot& s, uintptr_t p) {
+  const auto base = reinterpret_cast<uintptr_t>(s.addr);
+  if (s.addr == nullptr || s.len < 24 || p < base || p - base >= static_cast<uint32_t>(s.len)) return 0;
+  const auto* h = static_cast<const cmdb_slab_header_t*>(s.addr);
+  const uintptr_t at = p - base;
+  if (h->cache == -1) return at >= 8 ? static_cast<uint32_t>(s.len) - at : 0;
+  const cmdb_slab_cache_table_t* ct = cache_table();
+  if (ct == nullptr || h->cache < 0 || h->cache >= cache_count(ct)) return 0;
+  const cmdb_slab_cache_t& d = ct->cache[h->cache];
+  const uint64_t first = 24 + uint64_t{4} * d.num;
+  if (d.objsize == 0 || slab_bytes(d) > s.len || at < first || at - first >= uint64_t{d.num} * d.objsize) return 0;
+  return d.objsize - (at - first) % d.objsize;
+}
+
+// The pages of this thread's last two lookups: a table and its index come in turns.
+thread_local uint32_t t_recent_page[2] = {0, 0};
+}  // namespace
+
+size_t block_bytes_from(const void* p) {
+  const PageMap* m = page_map();
+  if (m == nullptr || p == nullptr) return 0;
+  const auto at = reinterpret_cast<uintptr_t>(p);
+  for (uint32_t page : t_recent_page)
+    if (page < static_cast<uint32_t>(m->count))
+      if (size_t n = block_bytes_in(m->slot[page], at); n != 0) return n;
+  for (int32_t i = 0; i < m->count; ++i)
+    if (size_t n = block_bytes_in(m->slot[i], at); n != 0) {
+      t_recent_page[1] = t_recent_page[0];
+      t_recent_page[0] = static_cast<uint32_t>(i);
+      return n;
+    }
+  return 0;
+}
+
 }  // namespace alloc
 
 extern "C" GK_API void* cmf_ptr_from_shmid(uint32_t shmid, int write) noexcept { return alloc::translate(shmid, write); }

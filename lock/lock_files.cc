@@ -25,7 +25,9 @@ namespace {
 
 // The two long-lived descriptors are the library's own: an exec'd program must
 // not inherit them.
-constexpr int kOpenFlags = O_RDWR | O_CLOEXEC;
+// The lock files live in /tmp, where any local user may plant a symlink first:
+// a root process would then write the marker into, or lock, the link's target.
+constexpr int kOpenFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
 
 struct SemSet {
   key_t key;
@@ -44,7 +46,7 @@ void close_fd(int* fd) {
 // through the descriptor slot `fd`, and leaves the slot closed. 0 or -1.
 int create_lock_file(int* fd, const char* path, const char* content) {
   close_fd(fd);
-  *fd = ::open(path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+  *fd = ::open(path, kOpenFlags | O_CREAT, 0666);
   if (*fd < 0) return -1;
   ssize_t n = ::write(*fd, content, strlen(content));  // never read back; a short write is harmless
   (void)n;
@@ -135,7 +137,7 @@ GK_API int cmf_shm_write_file_unlock(int pos) noexcept { return lock::shm_file_l
 
 GK_API int cmf_get_restore_lock(void) noexcept {
   // The descriptor is the caller's, so it keeps the plain flags (no close-on-exec).
-  util::UniqueFd fd(::open(lock::kRestoreLockPath, O_RDWR | O_CREAT, 0666));
+  util::UniqueFd fd(::open(lock::kRestoreLockPath, O_RDWR | O_CREAT | O_NOFOLLOW, 0666));
   if (!fd.valid()) return -1;
   if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return -1;  // busy: ~UniqueFd closes ours
   return fd.release();

@@ -297,3 +297,43 @@ TEST_F(EntryIndexTest, LargeTablesFindMissAndPlaceAsTheModel) {
 }
 
 }  // namespace
+
+// Damage a faulty or hostile writer could leave in shared memory: no action may
+// read past the table or index block for it, and none may succeed on it.
+TEST_F(EntryIndexTest, DamagedIndexOrTableIsRefusedWithoutLeavingItsBlocks) {
+  struct Damage {
+    const char* what;
+    void (*apply)(cmdb_table_block_t* t, cmdb_entry_index_t* ix);
+  } cases[] = {
+      {"slot far past the table", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->slot[1] = 0xFFFFFFF0u; }},
+      {"slot just past the entries in use", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->slot[0] = 3; }},
+      {"capacity past the block", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->capacity = ix->count = 1 << 20; }},
+      {"negative count", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->count = -5; }},
+      {"table count past its block", [](cmdb_table_block_t* t, cmdb_entry_index_t*) { t->count = 1 << 24; }},
+      {"negative table count", [](cmdb_table_block_t* t, cmdb_entry_index_t*) { t->count = -1; }},
+  };
+  for (const Damage& d : cases) {
+    NodeSpace ns;
+    U32Table t(ns, {30, 10, 20});
+    d.apply(t.table(), t.index());
+    gk::test::clear_log();
+    EXPECT_EQ(-1, t.find(10)) << d.what;
+    EXPECT_EQ(-1, t.find(99)) << d.what;
+    EXPECT_EQ(-1, t.request(CMDB_INDEX_INSERT, 0, 5)) << d.what;
+    EXPECT_EQ(-1, t.request(CMDB_INDEX_REPOSITION, 2, 7)) << d.what;
+    EXPECT_NE(std::string::npos, captured_log().find("damaged")) << d.what << ": " << captured_log();
+    // A table count that cannot be trusted refuses through the table itself.
+    EXPECT_EQ(-1, __cmf_svr_find_table_entry(t.table(), &(const uint32_t&)10u)) << d.what;
+  }
+}
+
+TEST_F(EntryIndexTest, IndexOutsideAnyBlockIsRefused) {
+  NodeSpace ns;
+  U32Table t(ns, {1, 2});
+  // A copy on the heap: its capacity could say anything, nothing bounds it.
+  std::vector<uint32_t> copy(4 + 16);
+  memcpy(copy.data(), t.index(), 16 + 8);
+  auto* ix = reinterpret_cast<cmdb_entry_index_t*>(copy.data());
+  const uint32_t k = 1;
+  EXPECT_EQ(-1, __cmf_svr_binary_find_index(t.table(), nullptr, &ix, &k, CMDB_INDEX_FIND));
+}

@@ -7,7 +7,10 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "tests/test_support.h"
 
@@ -109,3 +112,26 @@ TEST(PageFileTest, RefusedOpensKeepErrnoAndLogTheDirectory) {
 }
 
 }  // namespace
+
+// Paths are built in a per-thread buffer: threads working on files of their own
+// at once must each reach exactly their own file.
+TEST(PageFileTest, ThreadsBuildPathsOfTheirOwn) {
+  constexpr int kThreads = 4, kRounds = 150;
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t)
+    threads.emplace_back([t, &wrong] {
+      for (int i = 0; i < kRounds; ++i) {
+        const std::string name = "t" + std::to_string(t) + "_" + std::to_string(i % 7);
+        const int32_t len = 100 * (t + 1) + i;
+        int fd = cmdb_shm_create(name.c_str(), len);
+        struct stat st;
+        if (fd < 0 || ::fstat(fd, &st) != 0 || st.st_size != len) ++wrong;
+        if (fd >= 0) ::close(fd);
+        if (cmdb_shm_stat(name.c_str(), &st) != 0 || st.st_size != len) ++wrong;
+        if (cmdb_shm_remove(name.c_str()) != 0) ++wrong;
+      }
+    });
+  for (auto& th : threads) th.join();
+  EXPECT_EQ(0, wrong.load());
+}

@@ -375,3 +375,18 @@ TEST(SchemaLoader, RefusesWhatTheSideTablesCannotHold) {
 }
 
 }  // namespace
+
+// The JSON reader throws past its nesting limit; the loader reports it like any
+// syntax error instead of letting the exception end the process.
+TEST(SchemaLoader, NestingPastTheReadersLimitIsASyntaxError) {
+  for (const char* open : {"[", "{\"a\":"}) {
+    std::string text;
+    for (int i = 0; i < 5000; ++i) text += open;
+    schema::Schema s;
+    std::string error;
+    EXPECT_EQ(EINVAL, schema::load_string(text, "deep.json", &s, &error)) << open;
+    EXPECT_EQ(0u, error.rfind("deep.json:", 0)) << error;
+    EXPECT_NE(std::string::npos, error.find("bad JSON")) << error;
+    EXPECT_EQ(nullptr, s.root());
+  }
+}

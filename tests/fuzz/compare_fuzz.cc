@@ -1,0 +1,49 @@
+// Typed comparison on fuzzed type, size, offset and bytes. Each value lives in
+// a heap block of exactly offset + size bytes, so a read past the field is a
+// sanitizer report. The order must be antisymmetric and reflexive, and the
+// three entry points must agree with one another.
+#include <stdlib.h>
+#include <string.h>
+
+#include <vector>
+
+#include "gikraidrum.h"
+
+namespace {
+int sign(int v) { return (v > 0) - (v < 0); }
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size < 5) return 0;
+  const uint8_t type = data[0];
+  const uint16_t field = static_cast<uint16_t>(data[1] | (data[2] & 0x03) << 8);  // up to 1023 bytes
+  const uint16_t offset = data[3] & 0x1F;
+  const uint8_t split = data[4];
+  data += 5;
+  size -= 5;
+  // The rest fills a then b; what the input lacks stays zero, a common tail for strings.
+  std::vector<uint8_t> a(offset + field + 1u), b(offset + field + 1u);  // never empty
+  a.resize(offset + field), b.resize(offset + field);
+  const size_t na = size < split ? size : split;
+  memcpy(a.data() + offset, data, na < field ? na : field);
+  const size_t nb = size - na;
+  memcpy(b.data() + offset, data + na, nb < field ? nb : field);
+
+  cmdb_node_t node{};
+  node.type = type;
+  node.size = field;
+  node.offset = offset;
+  cmdb_node_desc_t desc{};
+  desc.type_scope = static_cast<uint8_t>(type & 15);
+  desc.size = field;
+  desc.offset = offset;
+
+  const int ab = cmdb_compare_key(a.data() + offset, b.data() + offset, &node);
+  const int ba = cmdb_compare_key(b.data() + offset, a.data() + offset, &node);
+  if (sign(ab) != -sign(ba)) abort();
+  if (cmdb_compare_key(a.data() + offset, a.data() + offset, &node) != 0) abort();
+  if (sign(cmdb_compare_attr_data(a.data(), b.data(), &node)) != sign(ab)) abort();
+  // The descriptor carries four bits of type.
+  if (type < 16 && sign(cli_compare_attr_data(a.data(), b.data(), &desc)) != sign(ab)) abort();
+  return 0;
+}
