@@ -28,10 +28,11 @@ struct KeyColumn {
   int size;
   uint16_t offset;        // the key's offset within a data part
   uint32_t in_use;        // entries in the table, bounded by its block
-  mutable bool damaged;   // a slot named a position past in_use
+  uint32_t readable;      // entries the table's block has room for
+  mutable bool damaged;   // a slot named a position past the block
 
   const uint8_t* at(uint32_t pos) const {
-    if (__builtin_expect(pos >= in_use, 0)) {
+    if (__builtin_expect(pos >= readable, 0)) {
       damaged = true;
       return kNoKey;
     }
@@ -46,7 +47,7 @@ void log_damage(const char* what, int32_t count, int64_t room) {
 
 // True, after logging, when the search met a slot naming no entry in use.
 bool met_bad_slot(const KeyColumn& col, int count) {
-  if (col.damaged) log_damage("entry index slots", count, col.in_use);
+  if (col.damaged) log_damage("entry index slots", count, col.readable);
   return col.damaged;
 }
 
@@ -65,21 +66,30 @@ bool key_column(const void* table, const cmdb_entry_index_t* ix, KeyColumn* col)
   col->size = knode->size;
   col->offset = knode->offset;
   col->damaged = false;
+  // Blocks the allocator does not know (a host's own memory) have no known
+  // extent: their counts are taken as they stand.
   const size_t bytes = alloc::block_bytes_from(table);
-  const int64_t room = bytes < kTableHead ? -1 : static_cast<int64_t>((bytes - kTableHead) / col->stride);
+  const int64_t room = bytes == 0            ? INT32_MAX
+                       : bytes < kTableHead ? -1
+                                            : static_cast<int64_t>((bytes - kTableHead) / col->stride);
   if (size_t{knode->offset} + knode->size > tnode->size || t->count < 0 || t->count > room) {
     log_damage("table", t->count, room);
     return false;
   }
   col->in_use = static_cast<uint32_t>(t->count);
+  // A slot may name an entry the caller is about to place (insert comes before
+  // the entries move), so slots are bounded by the block, not by the count.
+  col->readable = static_cast<uint32_t>(room < UINT32_MAX ? room : UINT32_MAX);
   return true;
 }
 
 // The slots a search may read: a count outside 0..capacity, or a capacity past
-// the block, is damage, and no slot past the block is ever read for it.
+// the allocator block, is damage, and no slot past the block is ever read for it.
 int searchable(const cmdb_entry_index_t* ix) {
   const size_t bytes = alloc::block_bytes_from(ix);
-  const int64_t room = bytes < kIndexHead ? -1 : static_cast<int64_t>((bytes - kIndexHead) / 4);
+  const int64_t room = bytes == 0            ? INT32_MAX
+                       : bytes < kIndexHead ? -1
+                                            : static_cast<int64_t>((bytes - kIndexHead) / 4);
   if (ix->count < 0 || ix->capacity < 0 || ix->count > ix->capacity || ix->capacity > room) {
     log_damage("entry index", ix->count, room);
     return -1;
