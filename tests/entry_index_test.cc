@@ -291,7 +291,7 @@ TEST_F(EntryIndexTest, LargeTablesFindMissAndPlaceAsTheModel) {
   TableFixture strings(ns, 90, 5, 12, 4, 16, 0, kStrings + 1);
   check_large_table<VersionKey>(strings, kStrings, [](uint32_t i) {
     VersionKey k = {};
-    snprintf(k.text, sizeof k.text, "h%u.%02u", i / 100, i % 100);
+    snprintf(k.text, sizeof k.text, "h%u.%02u", i / 100 % 100000u, i % 100);
     return k;
   });
 }
