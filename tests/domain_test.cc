@@ -182,3 +182,32 @@ TEST_F(DomainTest, DamagedIndexesAreNotFollowed) {
 }
 
 }  // namespace
+
+// Counts in shared memory are bounded by what holds them: a record count past
+// the `domain` mapping, or a root block count past its allocator block, never
+// sends a lookup outside either.
+TEST_F(DomainTest, CountsPastTheirMappingOrBlockAreBounded) {
+  Domains d;
+  NodeSpace ns;
+  const cmdb_node_t* node = ns.add({40, 4, 0, 4, 0, 0, 0});
+  d.add("alpha", 7, Domains::root({{40, 0x10001}}));
+  d.table->global_root = Domains::root({{40, 0x20001}});
+  auto* global = static_cast<cmdb_root_block_t*>(cmf_ptr_from_shmid(d.table->global_root, 1));
+  global->count = 0xFFFF;  // its 32-byte block holds three entries
+  const uint32_t* slot = cmdb_find_domain_entity(global, node);
+  if (slot != nullptr) {
+    EXPECT_LT(reinterpret_cast<const char*>(slot), reinterpret_cast<const char*>(global) + 32);
+  }
+  global->count = 1;
+  d.table->count = 0x7FFFFFF0;  // the mapping holds a few dozen records
+  uint32_t count = 0;
+  cmf_shm_find_last_domain_id(&count);
+  EXPECT_LT(count, 64u);
+  EXPECT_GE(count, 1u);
+  char name[16];
+  EXPECT_EQ(-1, cmf_shm_domain_info(1 << 20, name, sizeof name, nullptr));
+  int visited = 0;
+  cmf_iterate_all_domain([](uint32_t, uintptr_t arg) { return ++*reinterpret_cast<int*>(arg), 0; },
+                         reinterpret_cast<uintptr_t>(&visited));
+  EXPECT_EQ(static_cast<int>(count), visited);
+}

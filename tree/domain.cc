@@ -6,6 +6,10 @@
 #include <string.h>
 #include <strings.h>
 
+#include <atomic>
+#include <cstddef>
+
+#include "alloc/alloc_internal.h"
 #include "tree/tree_internal.h"
 #include "util/util_internal.h"
 
@@ -16,7 +20,34 @@ constexpr size_t kNameBytes = sizeof(cmdb_domain_rec_t::name);
 
 cmdb_domain_table_t* domains() { return static_cast<cmdb_domain_table_t*>(cmdb.domain); }
 
-int32_t domain_count(const cmdb_domain_table_t* t) { return t == nullptr || t->count < 0 ? 0 : t->count; }
+// How many records this process's mapping of `domain` can hold, learned from
+// the kernel once per base and again when a count says more, so that a count in
+// shared memory never sends a read past the mapping. 0 bytes: nothing known.
+std::atomic<const void*> g_mapped_base{nullptr};
+std::atomic<size_t> g_mapped_bytes{0};
+
+int64_t records_room(const cmdb_domain_table_t* t, bool refresh) {
+  size_t bytes;
+  if (!refresh && g_mapped_base.load(std::memory_order_acquire) == t) {
+    bytes = g_mapped_bytes.load(std::memory_order_relaxed);
+  } else {
+    bytes = mapped_bytes_from(t);
+    g_mapped_bytes.store(bytes, std::memory_order_relaxed);
+    g_mapped_base.store(t, std::memory_order_release);
+  }
+  if (bytes == 0) return INT32_MAX;
+  return bytes < offsetof(cmdb_domain_table_t, rec) ? 0
+                                                    : static_cast<int64_t>((bytes - offsetof(cmdb_domain_table_t, rec)) /
+                                                                           sizeof(cmdb_domain_rec_t));
+}
+
+int32_t domain_count(const cmdb_domain_table_t* t) {
+  if (t == nullptr || t->count < 0) return 0;
+  const int32_t count = t->count;
+  if (count <= records_room(t, false)) return count;
+  const int64_t room = records_room(t, true);
+  return count <= room ? count : static_cast<int32_t>(room);
+}
 
 // Case-insensitive order of a sought name against a record's name, the record's
 // field ending at its 256th byte even without a NUL.
@@ -96,8 +127,8 @@ GK_API int __cmdb_find_domain_by_name(const char* name, int mode) noexcept {
 }
 
 GK_API int __cmdb_find_find_last_domain_index(void) noexcept {
-  const cmdb_domain_table_t* t = tree::domains();
-  return t == nullptr || t->count < 1 ? -1 : t->count - 1;
+  const int32_t count = tree::domain_count(tree::domains());
+  return count < 1 ? -1 : count - 1;
 }
 
 GK_API int cmf_shm_domain_size(void) noexcept {
@@ -154,7 +185,13 @@ GK_API cmdb_root_block_t* cmdb_find_domain_by_name(const char* name) noexcept {
 
 GK_API uint32_t* cmdb_find_domain_entity(cmdb_root_block_t* root, const cmdb_node_t* node) noexcept {
   if (root == nullptr || node == nullptr) return nullptr;
-  int lo = 0, hi = root->count - 1;
+  // A count past the allocator block that holds the root block is damage.
+  int count = root->count;
+  if (const size_t bytes = alloc::block_bytes_from(root); bytes != 0) {
+    const size_t room = bytes < offsetof(cmdb_root_block_t, entry) ? 0 : (bytes - offsetof(cmdb_root_block_t, entry)) / 8;
+    if (static_cast<size_t>(count) > room) count = static_cast<int>(room);
+  }
+  int lo = 0, hi = count - 1;
   while (lo <= hi) {
     const int mid = (lo + hi) / 2;
     const int c = static_cast<int>(node->gid) - static_cast<int>(root->entry[mid].gid);
