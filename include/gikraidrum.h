@@ -211,6 +211,9 @@ GK_API int cmf_shm_read_file_lock(int pos) GK_NOEXCEPT;
 GK_API int cmf_shm_write_file_lock(int pos) GK_NOEXCEPT;
 GK_API int cmf_shm_read_file_unlock(int pos) GK_NOEXCEPT;
 GK_API int cmf_shm_write_file_unlock(int pos) GK_NOEXCEPT;
+/* Reopens "/tmp/shm_lock" when the byte-range lock descriptor was closed behind the
+ * library's back; the cmf_shm_*_file_lock calls run it first. */
+GK_API void valid_shm_lock_file(void) GK_NOEXCEPT;
 /* A descriptor holding the exclusive restore lock, or -1 (busy or no file). */
 GK_API int cmf_get_restore_lock(void) GK_NOEXCEPT;
 /* Releases the lock; the caller closes fd. */

@@ -116,6 +116,8 @@ void valid_shm_lock_file() {
 
 extern "C" {
 
+GK_API void valid_shm_lock_file(void) noexcept { lock::valid_shm_lock_file(); }
+
 // REQUIRES: no other lock of this library held (the event table lock is taken alone).
 GK_API int cmdb_event_read_lock(void) noexcept {
   return lock::cmf_file_lock(lock::cmdb_event_lockfd, F_SETLKW, F_RDLCK, lock::kEventLockByte);
