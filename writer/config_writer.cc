@@ -46,6 +46,8 @@ struct ConfigWriter::Plan {
   uint32_t domain = 0;                    // after the top node's scope
   std::vector<const cmdb_node_t*> nodes;  // one per hop
   std::vector<int> slots;                 // slot of hop i + 1 inside hop i's instance
+  const cmdb_node_t* key = nullptr;       // the key's node, for a change to a table's entries
+  std::vector<uint8_t> data;              // a private copy of the new entry data
 };
 
 // What a change made before it could fail; undone in reverse.
@@ -167,6 +169,21 @@ int ConfigWriter::plan(const Location& loc, Plan* p) {
   return 0;
 }
 
+int ConfigWriter::plan_entry_change(const Location& loc, const void* data, Plan* p) {
+  if (int r = plan(loc, p); r != 0) return r;
+  const cmdb_node_t* tnode = p->nodes.back();
+  const uint16_t gid = tnode->gid;
+  if (!is_table(tnode)) return fail(-EINVAL, "gid %u is not a table", gid);
+  p->key = key_node(tnode);
+  if (p->key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
+  if (data == nullptr) return fail(-EINVAL, "no data");
+  // A copy, in case the caller's data lies in the region, in entries about to move.
+  p->data.assign(static_cast<const uint8_t*>(data), static_cast<const uint8_t*>(data) + tnode->size);
+  if (!key_terminated(p->key, p->data.data() + p->key->offset))
+    return fail(-EINVAL, "the key of table %u is not terminated", gid);
+  return 0;
+}
+
 int ConfigWriter::walk(const Location& loc, const Plan& p, uint32_t** home, Undo* undo) {
   *home = nullptr;
   const bool create = undo != nullptr;
@@ -230,20 +247,12 @@ int ConfigWriter::insert(const Location& loc, const void* data, int position, ui
   AutoTransaction tx(this);
   if (tx.status() != 0) return tx.status();
   Plan p;
-  if (int r = plan(loc, &p); r != 0) return r;
+  if (int r = plan_entry_change(loc, data, &p); r != 0) return r;
   const cmdb_node_t* tnode = p.nodes.back();
   const uint16_t gid = tnode->gid;
-  if (!is_table(tnode)) return fail(-EINVAL, "gid %u is not a table", gid);
-  const cmdb_node_t* key = key_node(tnode);
-  if (key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
-  if (data == nullptr) return fail(-EINVAL, "no data");
-  // A copy, in case the caller's data lies in the region, in entries about to move.
-  const std::vector<uint8_t> copy(static_cast<const uint8_t*>(data),
-                                  static_cast<const uint8_t*>(data) + tnode->size);
-  data = copy.data();
-  const uint8_t* bytes = copy.data();
-  if (!key_terminated(key, bytes + key->offset))
-    return fail(-EINVAL, "the key of table %u is not terminated", gid);
+  const cmdb_node_t* key = p.key;
+  data = p.data.data();
+  const uint8_t* bytes = p.data.data();
 
   uint32_t* home = nullptr;
   if (int r = walk(loc, p, &home, nullptr); r != 0) return r;
@@ -306,20 +315,14 @@ int ConfigWriter::insert(const Location& loc, const void* data, int position, ui
 int ConfigWriter::update(const Location& loc, const void* key_value, const void* data) {
   AutoTransaction tx(this);
   if (tx.status() != 0) return tx.status();
+  if (key_value == nullptr) return fail(-EINVAL, "no key");
   Plan p;
-  if (int r = plan(loc, &p); r != 0) return r;
+  if (int r = plan_entry_change(loc, data, &p); r != 0) return r;
   const cmdb_node_t* tnode = p.nodes.back();
   const uint16_t gid = tnode->gid;
-  if (!is_table(tnode)) return fail(-EINVAL, "gid %u is not a table", gid);
-  const cmdb_node_t* key = key_node(tnode);
-  if (key == nullptr) return fail(-EINVAL, "table %u has no entry node", gid);
-  if (key_value == nullptr || data == nullptr) return fail(-EINVAL, "no key or no data");
-  const std::vector<uint8_t> copy(static_cast<const uint8_t*>(data),
-                                  static_cast<const uint8_t*>(data) + tnode->size);
-  data = copy.data();
-  const uint8_t* bytes = copy.data();
-  if (!key_terminated(key, bytes + key->offset))
-    return fail(-EINVAL, "the key of table %u is not terminated", gid);
+  const cmdb_node_t* key = p.key;
+  data = p.data.data();
+  const uint8_t* bytes = p.data.data();
 
   uint32_t* home = nullptr;
   if (int r = walk(loc, p, &home, nullptr); r != 0) return r;

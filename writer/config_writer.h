@@ -156,6 +156,9 @@ class ConfigWriter {
   // Checks a location against the schema and the domains; nothing is read
   // from instance blocks yet.
   int plan(const Location& loc, Plan* p);
+  // plan() for a change to a table's entries: the key's node and a private,
+  // checked copy of the new data join the plan.
+  int plan_entry_change(const Location& loc, const void* data, Plan* p);
   // The word holding the handle of the location's instance. Without `undo`
   // nothing is created and a missing instance gives *home == nullptr; with it,
   // missing root blocks, root entries, objects and the last table are made and
