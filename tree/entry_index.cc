@@ -195,6 +195,18 @@ Probe integer_search(const uint32_t* slot, int count, const KeyColumn& col, Cmp 
   return halving_search_ahead(slot, count, col, cmp);
 }
 
+// Keys of a machine word's width compare as one load each.
+template <class Word>
+Probe word_search(const uint32_t* slot, int count, const KeyColumn& col, const void* key) {
+  Word k;
+  memcpy(&k, key, sizeof k);
+  return integer_search(slot, count, col, [k](const uint8_t* e) {
+    Word v;
+    memcpy(&v, e, sizeof v);
+    return static_cast<int>(k > v) - static_cast<int>(k < v);
+  });
+}
+
 // One search for a key of the column's type, with the comparison chosen once.
 Probe search(const cmdb_entry_index_t* ix, int count, const KeyColumn& col, const void* key) {
   const uint32_t* s = ix->slot;
@@ -216,26 +228,11 @@ Probe search(const cmdb_entry_index_t* ix, int count, const KeyColumn& col, cons
       return version_compare_bounded(k, reinterpret_cast<const char*>(e), n);
     });
   }
-  auto order = [](auto u, auto v) { return static_cast<int>(u > v) - static_cast<int>(u < v); };
   switch (col.size) {
-    case 4: {
-      uint32_t k;
-      memcpy(&k, key, 4);
-      return integer_search(s, count, col, [k, order](const uint8_t* e) {
-        uint32_t v;
-        memcpy(&v, e, 4);
-        return order(k, v);
-      });
-    }
-    case 8: {
-      uint64_t k;
-      memcpy(&k, key, 8);
-      return integer_search(s, count, col, [k, order](const uint8_t* e) {
-        uint64_t v;
-        memcpy(&v, e, 8);
-        return order(k, v);
-      });
-    }
+    case 4:
+      return word_search<uint32_t>(s, count, col, key);
+    case 8:
+      return word_search<uint64_t>(s, count, col, key);
     default:
       return integer_search(s, count, col, [key, &col](const uint8_t* e) { return compare_le(key, e, col.size); });
   }

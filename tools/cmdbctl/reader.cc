@@ -107,30 +107,55 @@ std::vector<uint8_t> key_bytes(const Element& table, const std::string& text) {
   return buf;
 }
 
-const uint8_t* find_data_part(const Path& p, uint32_t domain) {
-  const Element* top = p.steps.front().element;
-  if (domain == 0 ? !in_global(*top) : !in_domains(*top)) return nullptr;
-  uint32_t* slot = cmdb_find_root_entity(domain, top->gid);
-  void* block = slot != nullptr ? block_of(*slot) : nullptr;
-  void* parent = nullptr;
+// Where a path leads in a context: the block of its last element and, when that
+// step names an entry, the entry's position. `error` says where the walk stopped.
+struct Reached {
+  void* block = nullptr;
   int pos = -1;
+  std::string error;
+};
+
+Reached walk_path(const Path& p, uint32_t domain) {
+  Reached r;
+  const Element* top = p.steps.front().element;
+  uint32_t* slot = cmdb_find_root_entity(domain, top->gid);
+  r.block = slot != nullptr ? block_of(*slot) : nullptr;
+  std::string where = top->name;
+  void* parent = nullptr;
   for (size_t i = 0; i < p.steps.size(); ++i) {
     const PathStep& s = p.steps[i];
     if (i > 0) {
-      uint32_t* child = cmdb_find_child_obj(parent, s.element->gid, nullptr, pos < 0 ? 0 : pos);
-      block = child != nullptr ? block_of(*child) : nullptr;
+      uint32_t* child = cmdb_find_child_obj(parent, s.element->gid, nullptr, r.pos < 0 ? 0 : r.pos);
+      r.block = child != nullptr ? block_of(*child) : nullptr;
+      where += "." + s.element->name;
     }
-    if (block == nullptr) return nullptr;
-    pos = -1;
-    if (s.element->table) {
-      if (!s.key) return nullptr;
-      pos = find_entry(*s.element, block, *s.key);
-      if (pos < 0) return nullptr;
+    if (r.block == nullptr) {
+      r.error = format("'%s' holds no configuration", where.c_str());
+      return r;
     }
-    parent = block;
+    r.pos = -1;
+    if (s.element->table && s.key) {
+      r.pos = find_entry(*s.element, r.block, *s.key);
+      where += "[" + *s.key + "]";
+      if (r.pos < 0) {
+        r.error = format("no entry '%s'", where.c_str());
+        return r;
+      }
+    }
+    parent = r.block;
   }
-  if (pos >= 0) return static_cast<const uint8_t*>(cmf_get_entry_data(block, static_cast<uint32_t>(pos)));
-  return static_cast<const uint8_t*>(cmf_get_obj_data(block));
+  return r;
+}
+
+const uint8_t* find_data_part(const Path& p, uint32_t domain) {
+  const Element* top = p.steps.front().element;
+  if (domain == 0 ? !in_global(*top) : !in_domains(*top)) return nullptr;
+  for (const PathStep& s : p.steps)
+    if (s.element->table && !s.key) return nullptr;  // a data part is an entry's or an object's
+  const Reached r = walk_path(p, domain);
+  if (!r.error.empty()) return nullptr;
+  if (r.pos >= 0) return static_cast<const uint8_t*>(cmf_get_entry_data(r.block, static_cast<uint32_t>(r.pos)));
+  return static_cast<const uint8_t*>(cmf_get_obj_data(r.block));
 }
 
 Json::Value read_context(const Model& m, uint32_t domain) {
@@ -170,30 +195,10 @@ Json::Value read_path(const Model& m, const Path& p, uint32_t domain) {
   if (domain == 0 ? !in_global(*top) : !in_domains(*top))
     fail(format("'%s' exists %s", top->name.c_str(), domain == 0 ? "per domain only: name one with --domain" :
                                                                    "in the global context only"));
-  uint32_t* slot = cmdb_find_root_entity(domain, top->gid);
-  void* block = slot != nullptr ? block_of(*slot) : nullptr;
-  std::string where = top->name;
-  if (block == nullptr) fail(format("'%s' holds no configuration", where.c_str()));
-  // Walk down: `block` is the current element's block; an entry narrows it to a position.
-  void* parent = nullptr;
-  int pos = -1;
-  for (size_t i = 0; i < p.steps.size(); ++i) {
-    const PathStep& s = p.steps[i];
-    if (i > 0) {
-      uint32_t* child = cmdb_find_child_obj(parent, s.element->gid, nullptr, pos < 0 ? 0 : pos);
-      block = child != nullptr ? block_of(*child) : nullptr;
-      where += "." + s.element->name;
-      if (block == nullptr) fail(format("'%s' holds no configuration", where.c_str()));
-    }
-    if (s.element->table && s.key) {
-      pos = find_entry(*s.element, block, *s.key);
-      where += "[" + *s.key + "]";
-      if (pos < 0) fail(format("no entry '%s'", where.c_str()));
-    } else {
-      pos = -1;
-    }
-    parent = block;
-  }
+  const Reached r = walk_path(p, domain);
+  if (!r.error.empty()) fail(r.error);
+  void* block = r.block;
+  const int pos = r.pos;
   const Element& last = *p.steps.back().element;
   const PathStep& ls = p.steps.back();
   if (last.table && !ls.key) return read_block(last, block);
