@@ -4,31 +4,30 @@
 
 #include "alloc/alloc_internal.h"
 #include "alloc/page_map.h"
+#include "util/util_internal.h"
 
 namespace alloc {
 
 void offset_abort(const void* slab, uint32_t shmid, const void* cache) {
-  dbg_cmdb(3, "Error %s %s %d,slab=%p,page=%d,blkno=%d.%p,%p\n", kSrc, "cmf_shm_offset", __LINE__, slab,
-           static_cast<int>(shmid >> 16), static_cast<int>(shmid & 0xFFFF), slab, cache);
+  util::log(3, "Error %s %s %d,slab=%p,page=%d,blkno=%d.%p,%p\n", kSrc, "cmf_shm_offset", __LINE__, slab,
+            static_cast<int>(CMF_SHMID_PAGE(shmid)), static_cast<int>(CMF_SHMID_BLKNO(shmid)), slab, cache);
   abort();
 }
 
-void* ptr_from_shmid(uint32_t shmid, int write) { return translate(shmid, write); }
-
 int32_t size_from_shmid(uint32_t shmid) {
   // The page was brought up to date by the caller; only its slot is read here.
-  const uint32_t page = shmid >> 16;
+  const uint32_t page = CMF_SHMID_PAGE(shmid);
   const PageMap* m = page_map();
   const PageMapSlot* s = m != nullptr && page < static_cast<uint32_t>(m->count) ? &m->slot[page] : nullptr;
-  if (s == nullptr || s->addr == nullptr || s->len < 8) {
-    dbg_cmdb(3, "Error %s,%s,%d.\n", kSrc, "cmf_size_from_shmid", __LINE__);
+  if (s == nullptr || s->addr == nullptr || s->len < static_cast<int32_t>(kLargeHead)) {
+    util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_size_from_shmid", __LINE__);
     return -1;
   }
   const auto* h = static_cast<const cmdb_slab_header_t*>(s->addr);
   if (h->cache == -1) return s->len;
   const cmdb_slab_cache_table_t* ct = cache_table();
   if (ct == nullptr || h->cache < 0 || h->cache >= cache_count(ct)) {
-    dbg_cmdb(3, "Error %s,%s,%d.\n", kSrc, "cmf_size_from_shmid", __LINE__);
+    util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_size_from_shmid", __LINE__);
     return -1;
   }
   return static_cast<int32_t>(ct->cache[h->cache].objsize);
@@ -38,14 +37,16 @@ namespace {
 // Bytes from p to the end of its block when p lies in the page of slot s.
 size_t block_bytes_in(const PageMapSlot& s, uintptr_t p) {
   const auto base = reinterpret_cast<uintptr_t>(s.addr);
-  if (s.addr == nullptr || s.len < 24 || p < base || p - base >= static_cast<uint32_t>(s.len)) return 0;
+  if (s.addr == nullptr || s.len < static_cast<int32_t>(kSlabHead) || p < base ||
+      p - base >= static_cast<uint32_t>(s.len))
+    return 0;
   const auto* h = static_cast<const cmdb_slab_header_t*>(s.addr);
   const uintptr_t at = p - base;
-  if (h->cache == -1) return at >= 8 ? static_cast<uint32_t>(s.len) - at : 0;
+  if (h->cache == -1) return at >= kLargeHead ? static_cast<uint32_t>(s.len) - at : 0;
   const cmdb_slab_cache_table_t* ct = cache_table();
   if (ct == nullptr || h->cache < 0 || h->cache >= cache_count(ct)) return 0;
   const cmdb_slab_cache_t& d = ct->cache[h->cache];
-  const uint64_t first = 24 + uint64_t{4} * d.num;
+  const uint64_t first = kSlabHead + uint64_t{sizeof(int32_t)} * d.num;
   if (d.objsize == 0 || slab_bytes(d) > s.len || at < first || at - first >= uint64_t{d.num} * d.objsize) return 0;
   return d.objsize - (at - first) % d.objsize;
 }

@@ -5,9 +5,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include <climits>
-
 #include "gikraidrum.h"
+#include "util/util_internal.h"
 
 namespace alloc {
 
@@ -32,13 +31,15 @@ struct PageMap {
 };
 static_assert(offsetof(PageMap, slot) == 8);
 
-inline constexpr char kSrc[] = "cmf_shm_slab";  // the name every message of the allocator carries
+inline constexpr const char* kSrc = util::src::kAlloc;  // the name every message of the allocator carries
 
-inline constexpr uint32_t kMaxHandlePage = 0xFFFF;  // the page number has 16 bits in a handle
-inline constexpr int32_t kTableGrowth = 64;         // slots added to `page` at a time
+inline constexpr size_t kSlabHead = offsetof(cmdb_slab_header_t, next_free);
+inline constexpr size_t kLargeHead = sizeof(cmdb_large_header_t);
 
-constexpr int64_t table_bytes(int64_t slots) { return 8 + 8 * slots; }
-static_assert(table_bytes(64) == 520 && table_bytes(128) == 1032);
+constexpr int64_t table_bytes(int64_t slots) {
+  return int64_t{offsetof(cmdb_page_table_t, slot)} + int64_t{sizeof(cmdb_page_slot_t)} * slots;
+}
+static_assert(table_bytes(CMDB_PAGE_SLOTS_STEP) == 520 && table_bytes(2 * CMDB_PAGE_SLOTS_STEP) == 1032);
 
 inline cmdb_page_table_t* page_table() { return static_cast<cmdb_page_table_t*>(cmdb.page); }
 inline PageMap* page_map() { return static_cast<PageMap*>(cmdb.page_maps); }
@@ -47,15 +48,15 @@ inline cmdb_slab_cache_table_t* cache_table() { return static_cast<cmdb_slab_cac
 // "/dev/cmdb/<name>" in this thread's 65-byte path buffer, cut to 64 characters.
 const char* build_path(const char* name);
 
-// Slots of `page` that this process's mapping of it covers. A mapping recorded
-// without its length is taken to be as long as the table says it is.
+// A host that maps `page` itself may leave cmdb.page_map_len 0: the mapping is
+// then taken to be as long as the table says, and that length is recorded so
+// that the allocator unmaps exactly it when the table grows.
+void adopt_table_length();
+
+// Slots of `page` that this process's mapping of it covers.
 inline int64_t mapped_table_slots() {
-  int64_t len = cmdb.page_map_len;
-  if (len <= 0 && cmdb.page != nullptr) {
-    len = table_bytes(static_cast<const cmdb_page_table_t*>(cmdb.page)->page_max);
-    cmdb.page_map_len = len < 8 ? 0 : len > INT32_MAX ? INT32_MAX : static_cast<int32_t>(len);
-  }
-  return len < 8 ? 0 : (len - 8) / 8;
+  const int64_t len = cmdb.page_map_len;
+  return len < table_bytes(0) ? 0 : (len - table_bytes(0)) / int64_t{sizeof(cmdb_page_slot_t)};
 }
 
 // Caches that the table may name: its count, clamped to the descriptors there are.
@@ -89,7 +90,7 @@ inline PageMapSlot* cmf_update_page(uint32_t page, int write) {
 
 // Bytes that a slab of cache `c` uses: header, free-chain links, objects.
 inline int64_t slab_bytes(const cmdb_slab_cache_t& c) {
-  return 24 + int64_t(c.num) * 4 + int64_t(c.num) * c.objsize;
+  return int64_t{kSlabHead} + int64_t(c.num) * int64_t{sizeof(int32_t)} + int64_t(c.num) * c.objsize;
 }
 
 // Logs the missing slab header or cache table and ends the process.
@@ -103,21 +104,21 @@ inline int32_t cmf_shm_offset_in(const PageMapSlot& slot, uint32_t shmid) {
   const auto* h = static_cast<const cmdb_slab_header_t*>(slot.addr);
   const cmdb_slab_cache_table_t* ct = cache_table();
   if (h == nullptr || ct == nullptr) offset_abort(h, shmid, ct);
-  if (slot.len < 24) return -1;
+  if (slot.len < static_cast<int32_t>(kSlabHead)) return -1;
   int32_t c = h->cache;
   if (c < 0 || c >= cache_count(ct)) return -1;
   const cmdb_slab_cache_t& d = ct->cache[c];
-  uint32_t blkno = shmid & 0xFFFF;
+  const uint32_t blkno = CMF_SHMID_BLKNO(shmid);
   if (blkno >= d.num || slab_bytes(d) > slot.len) return -1;
-  return static_cast<int32_t>(24 + 4 * d.num + blkno * d.objsize);
+  return static_cast<int32_t>(kSlabHead + sizeof(int32_t) * d.num + blkno * d.objsize);
 }
 
 // The translation behind cmf_ptr_from_shmid.
 inline void* translate(uint32_t shmid, int write) {
-  const PageMapSlot* s = cmf_update_page(shmid >> 16, write);
+  const PageMapSlot* s = cmf_update_page(CMF_SHMID_PAGE(shmid), write);
   if (s == nullptr || s->addr == nullptr) return nullptr;
-  uint32_t blkno = shmid & 0xFFFF;
-  if (blkno == CMF_SHMID_LARGE) return s->len >= 8 ? static_cast<char*>(s->addr) + 8 : nullptr;
+  if (CMF_SHMID_BLKNO(shmid) == CMF_SHMID_LARGE)
+    return s->len >= static_cast<int32_t>(kLargeHead) ? static_cast<char*>(s->addr) + kLargeHead : nullptr;
   int32_t off = cmf_shm_offset_in(*s, shmid);
   return off < 0 ? nullptr : static_cast<char*>(s->addr) + off;
 }

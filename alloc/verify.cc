@@ -10,6 +10,7 @@
 
 #include "alloc/alloc_internal.h"
 #include "alloc/page_map.h"
+#include "util/util_internal.h"
 
 namespace alloc {
 namespace {
@@ -34,7 +35,7 @@ int report(int code, int line, const char* fmt, ...) {
   va_start(ap, fmt);
   vsnprintf(detail, sizeof detail, fmt, ap);
   va_end(ap);
-  dbg_cmdb(3, "Inconsistent %s,%s,%d: %s.\n", kSrc, "cmf_shm_verify", line, detail);
+  util::log(3, "Inconsistent %s,%s,%d: %s.\n", kSrc, "cmf_shm_verify", line, detail);
   return code;
 }
 #define REPORT(code, ...) report(code, __LINE__, __VA_ARGS__)
@@ -72,6 +73,65 @@ int check_slab(int c, const cmdb_slab_cache_t& d, uint32_t p, uint32_t prev, boo
   return 0;
 }
 
+// Every slot: size and gen agree (gen is odd while free, even while
+// allocated), and page_cnt counts the allocated ones.
+int check_table(int32_t page_max) {
+  int32_t allocated = 0;
+  for (int32_t i = 0; i < page_max; ++i) {
+    const cmdb_page_slot_t ts = *table_slot(i);
+    const bool odd = (ts.gen & 1) != 0;
+    if (ts.size == -1) {
+      if (!odd) return REPORT(kBadSlot, "free slot %d has gen %u", i, ts.gen);
+      continue;
+    }
+    if (ts.size <= 0 || i == 0 || odd || static_cast<uint32_t>(i) > CMF_SHMID_MAX_PAGE)
+      return REPORT(kBadSlot, "slot %d: size %d gen %u", i, ts.size, ts.gen);
+    ++allocated;
+  }
+  if (page_table()->page_cnt != allocated)
+    return REPORT(kBadPageCount, "page_cnt %d, allocated slots %d", page_table()->page_cnt, allocated);
+  return 0;
+}
+
+// One list of cache c, marking each page it reaches in `seen`.
+int check_list(int c, const cmdb_slab_cache_t& d, bool full, int32_t page_max, uint8_t* seen) {
+  const cmdb_slab_list_t& list = full ? d.full : d.partial;
+  uint32_t prev = 0;
+  for (uint32_t p = list.head; p != 0;) {
+    const cmdb_page_slot_t* ts = p < static_cast<uint32_t>(page_max) ? table_slot(p) : nullptr;
+    if (ts == nullptr || ts->size == -1) return REPORT(kBadLink, "cache %d lists free page %u", c, p);
+    if (seen[p]) return REPORT(kListedTwice, "page %u listed twice", p);
+    seen[p] = 1;
+    if (ts->size != static_cast<int32_t>(d.slab_size))
+      return REPORT(kBadLink, "page %u of cache %d is %d bytes", p, c, ts->size);
+    if (int r = check_slab(c, d, p, prev, full); r != 0) return r;
+    prev = p;
+    p = static_cast<const cmdb_slab_header_t*>(page_map()->slot[p].addr)->next;
+  }
+  if (list.tail != prev) return REPORT(kBadLink, "cache %d: tail %u, last slab %u", c, list.tail, prev);
+  return 0;
+}
+
+// Every allocated page no list reached must hold one large block.
+int check_unlisted(const cmdb_slab_cache_table_t* ct, int32_t page_max, const uint8_t* seen) {
+  const int32_t ncache = cache_count(ct);
+  const uint32_t large_min = ncache > 0 ? ct->cache[ncache - 1].objsize : 0;
+  for (int32_t i = 1; i < page_max; ++i) {
+    const cmdb_page_slot_t* ts = table_slot(i);
+    if (ts == nullptr || ts->size == -1 || seen[i]) continue;
+    const int32_t size = ts->size;
+    const PageMapSlot* s = cmf_update_page(static_cast<uint32_t>(i), 0);
+    const auto* h = s != nullptr && s->addr != nullptr && s->len >= static_cast<int32_t>(kLargeHead)
+                        ? static_cast<const cmdb_large_header_t*>(s->addr)
+                        : nullptr;
+    if (h == nullptr || h->cache != -1 || h->page != static_cast<uint32_t>(i))
+      return REPORT(kUnreachable, "page %d is on no list and holds no large block", i);
+    if (static_cast<int64_t>(size) < int64_t(large_min) + int64_t{kLargeHead})
+      return REPORT(kBadSlot, "large page %d is only %d bytes", i, size);
+  }
+  return 0;
+}
+
 }  // namespace
 }  // namespace alloc
 
@@ -84,60 +144,16 @@ extern "C" GK_API int cmf_shm_verify(void) noexcept {
   if (page_max < 1 || page_max > mapped_table_slots())
     return REPORT(kBadTable, "page_max %d, mapping holds %lld slots", page_max,
                   static_cast<long long>(mapped_table_slots()));
-
-  int32_t allocated = 0;
-  for (int32_t i = 0; i < page_max; ++i) {
-    const cmdb_page_slot_t ts = *table_slot(i);
-    const bool odd = (ts.gen & 1) != 0;  // gen is odd while free, even while allocated
-    if (ts.size == -1) {
-      if (!odd) return REPORT(kBadSlot, "free slot %d has gen %u", i, ts.gen);
-      continue;
-    }
-    if (ts.size <= 0 || i == 0 || odd || static_cast<uint32_t>(i) > kMaxHandlePage)
-      return REPORT(kBadSlot, "slot %d: size %d gen %u", i, ts.size, ts.gen);
-    ++allocated;
-  }
-  if (page_table()->page_cnt != allocated)
-    return REPORT(kBadPageCount, "page_cnt %d, allocated slots %d", page_table()->page_cnt, allocated);
-
+  if (int r = check_table(page_max); r != 0) return r;
   std::unique_ptr<uint8_t[]> seen(new (std::nothrow) uint8_t[size_t(page_max)]());
   if (!seen) return REPORT(kNoRegion, "no memory");
-  const int32_t ncache = cache_count(ct);
-  for (int c = 0; c < ncache; ++c) {
+  for (int c = 0; c < cache_count(ct); ++c) {
     const cmdb_slab_cache_t& d = ct->cache[c];
     if (d.num == 0 || d.slab_size > INT32_MAX || slab_bytes(d) > d.slab_size)
-      return REPORT(kBadDescriptor, "cache %d: num %u objsize %u slab_size %u", c, d.num, d.objsize, d.slab_size);
-    for (const bool full : {false, true}) {
-      const cmdb_slab_list_t& list = full ? d.full : d.partial;
-      uint32_t prev = 0;
-      for (uint32_t p = list.head; p != 0;) {
-        const cmdb_page_slot_t* ts = p < static_cast<uint32_t>(page_max) ? table_slot(p) : nullptr;
-        if (ts == nullptr || ts->size == -1) return REPORT(kBadLink, "cache %d lists free page %u", c, p);
-        if (seen[p]) return REPORT(kListedTwice, "page %u listed twice", p);
-        seen[p] = 1;
-        if (ts->size != static_cast<int32_t>(d.slab_size))
-          return REPORT(kBadLink, "page %u of cache %d is %d bytes", p, c, ts->size);
-        if (int r = check_slab(c, d, p, prev, full); r != 0) return r;
-        prev = p;
-        p = static_cast<const cmdb_slab_header_t*>(page_map()->slot[p].addr)->next;
-      }
-      if (list.tail != prev) return REPORT(kBadLink, "cache %d: tail %u, last slab %u", c, list.tail, prev);
-    }
+      return REPORT(kBadDescriptor, "cache %d: num %u objsize %u slab_size %u", c, d.num, d.objsize,
+                    d.slab_size);
+    for (const bool full : {false, true})
+      if (int r = check_list(c, d, full, page_max, seen.get()); r != 0) return r;
   }
-
-  const uint32_t large_min = ncache > 0 ? ct->cache[ncache - 1].objsize : 0;
-  for (int32_t i = 1; i < page_max; ++i) {
-    const cmdb_page_slot_t* ts = table_slot(i);
-    if (ts == nullptr || ts->size == -1 || seen[i]) continue;
-    const int32_t size = ts->size;
-    const PageMapSlot* s = cmf_update_page(static_cast<uint32_t>(i), 0);
-    const auto* h = s != nullptr && s->addr != nullptr && s->len >= 8
-                        ? static_cast<const cmdb_slab_header_t*>(s->addr)
-                        : nullptr;
-    if (h == nullptr || h->cache != -1 || h->page != static_cast<uint32_t>(i))
-      return REPORT(kUnreachable, "page %d is on no list and holds no large block", i);
-    if (static_cast<int64_t>(size) < int64_t(large_min) + 8)
-      return REPORT(kBadSlot, "large page %d is only %d bytes", i, size);
-  }
-  return 0;
+  return check_unlisted(ct, page_max, seen.get());
 }

@@ -10,6 +10,8 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <memory>
+
 #include "event/event_internal.h"
 #include "util/util_internal.h"
 
@@ -31,7 +33,7 @@ struct EventCb {
   HandlerSlot handlers[kHandlersPerGid];  // used slots first
 };
 
-char g_event_process[20];  // empty: not initialised
+char g_event_process[CMDB_EVENT_NAME];  // empty: not initialised
 int g_event_sockfd = -1;
 EventCb g_event_cb[kEventCbs];
 
@@ -53,6 +55,88 @@ ssize_t recv_retry(int fd, void* buf, size_t len, int flags) {
 ssize_t discard_datagram(int fd) {
   cmdb_event_msg_t head;
   return recv_retry(fd, &head, sizeof head, MSG_TRUNC | MSG_DONTWAIT);
+}
+
+constexpr char kHandlingFn[] = "do_cmdb_event_handling";
+
+struct FreeMessage {
+  void operator()(cmdb_event_msg_t* m) const { ::free(m); }
+};
+using MessagePtr = std::unique_ptr<cmdb_event_msg_t, FreeMessage>;
+
+// True when the blocks the header announces fit the datagram.
+bool blocks_fit(const cmdb_event_msg_t& m) {
+  const uint64_t blocks =
+      (m.data1 != 0 ? uint64_t{m.data_size} : 0) + (m.data2 != 0 ? uint64_t{m.data_size} : 0);
+  return kHeaderBytes + blocks <= m.total_size;
+}
+
+// The sender's addresses mean nothing here: point them at this copy.
+void point_into(cmdb_event_msg_t* m) {
+  auto* base = reinterpret_cast<uint8_t*>(m);
+  uint32_t cursor = kHeaderBytes;
+  if (m->data1 != 0) {
+    m->data1 = reinterpret_cast<uintptr_t>(base + cursor);
+    cursor += m->data_size;
+  }
+  if (m->data2 != 0) {
+    m->data2 = reinterpret_cast<uintptr_t>(base + cursor);
+    cursor += m->data_size;
+  }
+  if (m->desc != 0) m->desc = reinterpret_cast<uintptr_t>(base + cursor);
+}
+
+// Reads the datagram whose header announced `total` bytes into *out, pointers
+// set into it. 0, or -1 after a log line: a datagram that does not match its
+// header is consumed and dropped, one that cannot be read into memory stays.
+int receive(int fd, uint32_t total, MessagePtr* out) {
+  const pid_t pid = util::self_pid();
+  // Any process can write to the socket: a header is trusted for nothing before it is checked
+  // against the datagram, and an unlikely size is first compared with the kernel's own length.
+  cmdb_event_msg_t head;
+  if (total < kHeaderBytes ||
+      (total > kTrustedMessageBytes &&
+       recv_retry(fd, &head, sizeof head, MSG_PEEK | MSG_TRUNC) != static_cast<ssize_t>(total))) {
+    const ssize_t real = discard_datagram(fd);
+    util::log_event("%d:%s recv=[%d], chk=[%d]\n", pid, kHandlingFn, static_cast<int>(real),
+                    static_cast<int>(total));
+    return -1;
+  }
+  MessagePtr msg(static_cast<cmdb_event_msg_t*>(::malloc(total)));
+  if (!msg) {
+    util::log_event("%d:%s malloc failed\n", pid, kHandlingFn);
+    return -1;  // still queued: the next call tries again
+  }
+  // MSG_TRUNC makes a longer datagram than announced show its real length.
+  const ssize_t got = recv_retry(fd, msg.get(), total, MSG_TRUNC);
+  if (got != static_cast<ssize_t>(total)) {
+    util::log_event("%d:%s recv=[%d], chk=[%d]\n", pid, kHandlingFn, static_cast<int>(got),
+                    static_cast<int>(total));
+    return -1;
+  }
+  if (!blocks_fit(*msg)) {
+    util::log_event("%d:%s bad message: data_size=[%d], total_size=[%d]\n", pid, kHandlingFn,
+                    static_cast<int>(msg->data_size), static_cast<int>(total));
+    return -1;
+  }
+  util::log_event("%d:%s gid=[%d],act=[%x],data_size=[%d]\n", pid, kHandlingFn, msg->gid, msg->act,
+                  static_cast<int>(msg->data_size));
+  point_into(msg.get());
+  *out = std::move(msg);
+  return 0;
+}
+
+// The entry that holds gid's handlers, or -1 after a log line.
+int find_entry(uint16_t gid) {
+  for (int e = 0; e < kEventCbs; ++e) {
+    if (g_event_cb[e].obj == gid) return e;
+    if (g_event_cb[e].obj == 0) {
+      util::log_event("%d:%s 2: Fail to find event for gid %d\n", util::self_pid(), kHandlingFn, gid);
+      return -1;
+    }
+  }
+  util::log_event("%d:%s 3: Fail to find event for gid %d\n", util::self_pid(), kHandlingFn, gid);
+  return -1;
 }
 
 }  // namespace
@@ -88,11 +172,13 @@ GK_API int cmdb_event_init(const char* process, int nonblock) noexcept {
   int result;
   util::UniqueFd sock(::socket(AF_UNIX, SOCK_DGRAM, 0));
   if (!sock.valid()) {
-    dbg_cmdb(3, "%d,%s, %s:%d: socket failed\n", pid, g_event_process, "cmdb_event_daemon", 76);
+    const util::Site& at = util::site::kReceiverSocket;
+    util::log(3, "%d,%s, %s:%d: socket failed\n", pid, g_event_process, at.source, at.line);
     result = -1;
   } else if (::bind(sock.get(), reinterpret_cast<sockaddr*>(&addr),
                     static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_len)) != 0) {
-    dbg_cmdb(3, "%d,%s, %s:%d: bind failed\n", pid, g_event_process, "cmdb_event_daemon", 82);
+    const util::Site& at = util::site::kReceiverBind;
+    util::log(3, "%d,%s, %s:%d: bind failed\n", pid, g_event_process, at.source, at.line);
     result = -83;
   } else if (int fl = nonblock != 0 ? ::fcntl(sock.get(), F_GETFL) : 0; fl < 0) {
     result = -91;
@@ -122,19 +208,19 @@ GK_API int register_cmdb_event(uint16_t gid, uint8_t act, uint8_t flags,
     }
   }
   if (ecb == nullptr) {
-    dbg_cmdb_event(0, "%d:%s no event_cb available!\n", pid, "register_cmdb_event");
+    util::log_event("%d:%s no event_cb available!\n", pid, "register_cmdb_event");
     return -1;
   }
-  dbg_cmdb_event(0, "%d:%s pid=[%s],obj==[%d]\n", pid, "register_cmdb_event", g_event_process, gid);
+  util::log_event("%d:%s pid=[%s],obj==[%d]\n", pid, "register_cmdb_event", g_event_process, gid);
   for (event::HandlerSlot& slot : ecb->handlers) {
     if (slot.handler == handler) {
-      dbg_cmdb_event(0, "%d:%s duplicated handler for pid %d\n", pid, "register_cmdb_event", gid);
+      util::log_event("%d:%s duplicated handler for pid %d\n", pid, "register_cmdb_event", gid);
       return -2;
     }
     if (slot.handler != nullptr) continue;
     // The shared table keeps one slot per process and gid: the latest handler's act and flags win.
     if (cmdb_register_event(g_event_process, gid, act, flags) != 0) {
-      dbg_cmdb_event(0, "%d:%s register failed %d\n", pid, "register_cmdb_event", gid);
+      util::log_event("%d:%s register failed %d\n", pid, "register_cmdb_event", gid);
       return -3;
     }
     slot = {act, flags, handler};
@@ -148,8 +234,8 @@ GK_API void unregister_cmdb_event(uint16_t gid, cmdb_event_handler handler) noex
   int e = 0;
   for (; e < event::kEventCbs; ++e) {
     if (g_event_cb[e].obj == 0) {
-      dbg_cmdb_event(0, "%d:%s 1: Fail to find event for gid %d\n", util::self_pid(), "unregister_cmdb_event",
-                     gid);
+      util::log_event("%d:%s 1: Fail to find event for gid %d\n", util::self_pid(), "unregister_cmdb_event",
+                      gid);
       return;
     }
     if (g_event_cb[e].obj == gid) break;
@@ -170,80 +256,29 @@ GK_API void unregister_cmdb_event(uint16_t gid, cmdb_event_handler handler) noex
 }
 
 GK_API int do_cmdb_event_handling(void) noexcept {
-  constexpr const char* kFn = "do_cmdb_event_handling";
   const int fd = g_event_sockfd;
   const pid_t pid = util::self_pid();
   cmdb_event_msg_t head;
-  if (event::recv_retry(fd, &head, sizeof head, MSG_PEEK) != static_cast<ssize_t>(sizeof head)) return 0;
-
-  // Any process can write to the socket: a header is trusted for nothing before it is checked
-  // against the datagram, and an unlikely size is first compared with the kernel's own length.
-  const uint32_t total = head.total_size;
-  if (total < event::kHeaderBytes ||
-      (total > event::kTrustedMessageBytes &&
-       event::recv_retry(fd, &head, sizeof head, MSG_PEEK | MSG_TRUNC) != static_cast<ssize_t>(total))) {
-    ssize_t real = event::discard_datagram(fd);
-    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(real),
-                   static_cast<int>(total));
+  const ssize_t peeked = event::recv_retry(fd, &head, sizeof head, MSG_PEEK);
+  if (peeked < 0) return 0;  // nothing waiting on a non-blocking socket, or no socket
+  // A datagram shorter than a header would stay queued and keep the socket
+  // readable for ever: it is consumed like any other malformed one.
+  if (peeked != static_cast<ssize_t>(sizeof head)) {
+    event::discard_datagram(fd);
+    util::log_event("%d:%s bad message: recv=[%d], header=[%d]\n", pid, event::kHandlingFn,
+                    static_cast<int>(peeked), static_cast<int>(sizeof head));
     return -1;
   }
-  auto* msg = static_cast<cmdb_event_msg_t*>(malloc(total));
-  if (msg == nullptr) {
-    dbg_cmdb_event(0, "%d:%s malloc failed\n", pid, kFn);
-    return -1;  // still queued: the next call tries again
-  }
-  // MSG_TRUNC makes a longer datagram than announced show its real length.
-  ssize_t got = event::recv_retry(fd, msg, total, MSG_TRUNC);
-  if (got != static_cast<ssize_t>(total)) {
-    dbg_cmdb_event(0, "%d:%s recv=[%d], chk=[%d]\n", pid, kFn, static_cast<int>(got),
-                   static_cast<int>(total));
-    free(msg);
-    return -1;
-  }
-  const uint64_t blocks =
-      (msg->data1 != 0 ? uint64_t{msg->data_size} : 0) + (msg->data2 != 0 ? uint64_t{msg->data_size} : 0);
-  if (event::kHeaderBytes + blocks > total) {
-    dbg_cmdb_event(0, "%d:%s bad message: data_size=[%d], total_size=[%d]\n", pid, kFn,
-                   static_cast<int>(msg->data_size), static_cast<int>(total));
-    free(msg);
-    return -1;
-  }
-  dbg_cmdb_event(0, "%d:%s gid=[%d],act=[%x],data_size=[%d]\n", pid, kFn, msg->gid, msg->act,
-                 static_cast<int>(msg->data_size));
-
-  // The sender's addresses mean nothing here: point them at this copy.
-  auto* base = reinterpret_cast<uint8_t*>(msg);
-  uint32_t cursor = event::kHeaderBytes;
-  if (msg->data1 != 0) {
-    msg->data1 = reinterpret_cast<uintptr_t>(base + cursor);
-    cursor += msg->data_size;
-  }
-  if (msg->data2 != 0) {
-    msg->data2 = reinterpret_cast<uintptr_t>(base + cursor);
-    cursor += msg->data_size;
-  }
-  if (msg->desc != 0) msg->desc = reinterpret_cast<uintptr_t>(base + cursor);
-
-  int e = 0;
-  for (; e < event::kEventCbs && g_event_cb[e].obj != msg->gid; ++e) {
-    if (g_event_cb[e].obj == 0) {
-      dbg_cmdb_event(0, "%d:%s 2: Fail to find event for gid %d\n", pid, kFn, msg->gid);
-      free(msg);
-      return -1;
-    }
-  }
-  if (e == event::kEventCbs) {
-    dbg_cmdb_event(0, "%d:%s 3: Fail to find event for gid %d\n", pid, kFn, msg->gid);
-    free(msg);
-    return -1;
-  }
-  dbg_cmdb_event(0, "%d:%s i=[%d],ecb.obj=[%d]\n", pid, kFn, e, g_event_cb[e].obj);
+  event::MessagePtr msg;
+  if (int r = event::receive(fd, head.total_size, &msg); r != 0) return r;
+  const int e = event::find_entry(msg->gid);
+  if (e < 0) return -1;
+  util::log_event("%d:%s i=[%d],ecb.obj=[%d]\n", pid, event::kHandlingFn, e, g_event_cb[e].obj);
   // Handlers may install or remove handlers: walk a snapshot of this gid's slots.
   const event::EventCb ecb = g_event_cb[e];
   const uint8_t cls = msg->act;
   for (const event::HandlerSlot& slot : ecb.handlers)
-    if ((slot.act & cls) != 0 && slot.handler != nullptr) slot.handler(msg);
-  free(msg);
+    if ((slot.act & cls) != 0 && slot.handler != nullptr) slot.handler(msg.get());
   return 0;
 }
 
@@ -253,8 +288,8 @@ GK_API void cmdb_event_cleanup(void) noexcept {
       if (e.obj == 0) break;
       cmdb_unregister_event(g_event_process, e.obj);
     }
-  dbg_cmdb_event(0, "%d:%s enter cmdb_event_cleanup, event_process=%s\n", util::self_pid(),
-                 "cmdb_event_cleanup", g_event_process);
+  util::log_event("%d:%s enter cmdb_event_cleanup, event_process=%s\n", util::self_pid(),
+                  "cmdb_event_cleanup", g_event_process);
   g_event_process[0] = '\0';
   if (g_event_sockfd >= 0) ::close(g_event_sockfd);
   g_event_sockfd = -1;

@@ -8,9 +8,6 @@
 
 namespace event {
 
-// Event classes: one bit each in a message's act, any mix in a registration's.
-inline constexpr uint8_t kClassReload = 0x40;
-
 // What an act of cmdb_event_call_daemon announces: its class, the data blocks
 // that go with it to receivers that want data, and the result when one of
 // those blocks is missing. A class of 0 means the act announces nothing.
@@ -34,6 +31,22 @@ size_t socket_path(char* path, const char* process);
 // REQUIRES: event table lock held exclusive.
 int sendto_daemon(const char* process, uint16_t gid, uint8_t cls, const void* data1, const void* data2,
                   uint32_t size, const void* desc);
+
+// The registration table's steps behind cmdb_event_entry_act.
+// REQUIRES: event table lock held (exclusive for all but search).
+struct Probe {
+  bool found;
+  int at;  // the record, or where one for the gid belongs
+};
+Probe search(const cmdb_event_table_t* t, uint16_t gid);
+// Puts a copy of rec, under gid, at `at`: at, or -1 (logged to the host) when the table is full.
+int insert_record(cmdb_event_table_t* t, int at, uint16_t gid, const cmdb_event_entry_t& rec);
+void remove_record(cmdb_event_table_t* t, int at);
+// The slot of add's name, or the first free one, takes add: 0, or -1 (logged) when all are others'.
+int add_process(cmdb_event_entry_t* rec, const cmdb_event_proc_t& add);
+// Drops the name's slot, if any; the later slots move up.
+void remove_process(cmdb_event_entry_t* rec, const char* process);
+inline bool slot_free(const cmdb_event_proc_t& s) { return s.process[0] == '\0'; }
 
 // The largest total_size the receiver allocates without first asking the
 // kernel for the datagram's real length; it covers every message this library

@@ -25,10 +25,8 @@ int dbgz_semid[2] = {-1, -1};
 
 namespace {
 
-constexpr int kStatRecords = 256;
 constexpr short kUndo = SEM_UNDO;
 static_assert(SEM_UNDO == 0x1000);
-static_assert(DZ_READER_PIDS % alignof(uint32_t) == 0 && DZ_LOCK_STATS % alignof(int64_t) == 0);
 static_assert(std::atomic_ref<uint8_t>::is_always_lock_free && std::atomic_ref<int64_t>::is_always_lock_free);
 
 // Depth of this thread's read locks on the main lock; only the outermost level
@@ -47,21 +45,15 @@ std::atomic<uint8_t> reader_slot{0};
 // rescan instead of a wrong record.
 std::atomic<int> stat_index{-1};
 
-uint8_t* zone_at(void* zone, size_t offset) { return static_cast<uint8_t*>(zone) + offset; }
-
-cmdb_lock_stat_t* stat_records(void* zone) {
-  return reinterpret_cast<cmdb_lock_stat_t*>(zone_at(zone, DZ_LOCK_STATS));
-}
-
-uint32_t* reader_pids(void* zone) { return reinterpret_cast<uint32_t*>(zone_at(zone, DZ_READER_PIDS)); }
+cmdb_debug_zone_t* debug_zone() { return static_cast<cmdb_debug_zone_t*>(cmdb.debug_zone); }
 
 // The caller's lock_stats record, claimed on first use; null when 256 other
 // processes own every record (records are never given back).
-cmdb_lock_stat_t* own_stat_record(void* zone, uint32_t pid) {
-  cmdb_lock_stat_t* rec = stat_records(zone);
+cmdb_lock_stat_t* own_stat_record(cmdb_debug_zone_t* zone, uint32_t pid) {
+  cmdb_lock_stat_t* rec = zone->lock_stats;
   int i = stat_index.load(std::memory_order_relaxed);
   if (i >= 0 && std::atomic_ref<uint32_t>(rec[i].pid).load(std::memory_order_relaxed) == pid) return &rec[i];
-  for (i = 0; i < kStatRecords; ++i) {
+  for (i = 0; i < CMDB_DZ_READERS; ++i) {
     std::atomic_ref<uint32_t> owner(rec[i].pid);
     uint32_t cur = owner.load(std::memory_order_relaxed);
     // A compare-and-swap keeps two processes that claim at once from sharing one record.
@@ -76,7 +68,7 @@ cmdb_lock_stat_t* own_stat_record(void* zone, uint32_t pid) {
 
 // Counts a request before the semaphore step, so last_time is when the caller
 // asked, not when it got the lock.
-void cmf_lock_stat(void* zone, uint32_t pid, bool write) {
+void cmf_lock_stat(cmdb_debug_zone_t* zone, uint32_t pid, bool write) {
   cmdb_lock_stat_t* rec = own_stat_record(zone, pid);
   if (rec == nullptr) return;
   std::atomic_ref<int64_t>(rec->last_time).store(::time(nullptr), std::memory_order_relaxed);
@@ -85,12 +77,12 @@ void cmf_lock_stat(void* zone, uint32_t pid, bool write) {
 }
 
 void dbgz_step(int idx, int op) {
-  if (idx == 0 || idx == 1) __cmdb_rwlock_lock(dbgz_semid[idx], op);
+  if (idx == 0 || idx == 1) rwlock_step(dbgz_semid[idx], op);
 }
 
 }  // namespace
 
-void __cmdb_rwlock_lock(int semid, int op) {
+void rwlock_step(int semid, int op) {
   if (semid < 0) return;  // not attached: locking is a no-op
   struct sembuf step = {0, static_cast<short>(op), kUndo};
   while (::semop(semid, &step, 1) != 0) {
@@ -98,8 +90,9 @@ void __cmdb_rwlock_lock(int semid, int op) {
     // The set was removed (EIDRM), the id is stale (EINVAL) or an unlock had no
     // matching lock (ERANGE): the lock can no longer protect anything.
     int err = errno;
-    dbg_cmdb(2, "Critial error, %s, %s, %d, semid=%d, pid=%d, errno=%d exiting...\n", "cmf_lock",
-             "__cmdb_rwlock_lock", 235, semid, static_cast<int>(util::self_pid()), err);
+    const util::Site& at = util::site::kSemaphoreLost;
+    util::log(2, "Critial error, %s, %s, %d, semid=%d, pid=%d, errno=%d exiting...\n", at.source, at.function,
+              at.line, semid, static_cast<int>(util::self_pid()), err);
     ::exit(-1);
   }
 }
@@ -131,34 +124,34 @@ extern "C" {
 
 GK_API void cmf_shm_read_lock(void) noexcept {
   if (lock::shm_read_depth++ != 0) return;  // nested: this thread already holds a unit
-  void* zone = cmdb.debug_zone;
+  cmdb_debug_zone_t* zone = lock::debug_zone();
   auto pid = static_cast<uint32_t>(util::self_pid());
   if (zone != nullptr) lock::cmf_lock_stat(zone, pid, false);
-  lock::__cmdb_rwlock_lock(lock::cmdb_semid, -1);
+  lock::rwlock_step(lock::cmdb_semid, -1);
   if (zone != nullptr) {
     // fetch_add on the byte wraps 255 -> 0 and hands concurrent processes distinct slots.
-    uint8_t slot = std::atomic_ref<uint8_t>(*lock::zone_at(zone, DZ_READER_SLOT_NEXT)).fetch_add(1);
+    uint8_t slot = std::atomic_ref<uint8_t>(zone->reader_slot_next).fetch_add(1);
     lock::reader_slot.store(slot, std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(lock::reader_pids(zone)[slot]).store(pid, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(zone->reader_pids[slot]).store(pid, std::memory_order_relaxed);
   }
 }
 
 GK_API void cmf_shm_read_unlock(void) noexcept {
   if (--lock::shm_read_depth != 0) return;
-  if (void* zone = cmdb.debug_zone; zone != nullptr) {
+  if (cmdb_debug_zone_t* zone = lock::debug_zone(); zone != nullptr) {
     uint8_t slot = lock::reader_slot.load(std::memory_order_relaxed);
-    std::atomic_ref<uint32_t>(lock::reader_pids(zone)[slot]).store(0, std::memory_order_relaxed);
+    std::atomic_ref<uint32_t>(zone->reader_pids[slot]).store(0, std::memory_order_relaxed);
   }
-  lock::__cmdb_rwlock_lock(lock::cmdb_semid, 1);
+  lock::rwlock_step(lock::cmdb_semid, 1);
 }
 
 GK_API void cmf_shm_write_lock(void) noexcept {
-  if (void* zone = cmdb.debug_zone; zone != nullptr)
+  if (cmdb_debug_zone_t* zone = lock::debug_zone(); zone != nullptr)
     lock::cmf_lock_stat(zone, static_cast<uint32_t>(util::self_pid()), true);
-  lock::__cmdb_rwlock_lock(lock::cmdb_semid, -lock::kFull);
+  lock::rwlock_step(lock::cmdb_semid, -lock::kFull);
 }
 
-GK_API void cmf_shm_write_unlock(void) noexcept { lock::__cmdb_rwlock_lock(lock::cmdb_semid, lock::kFull); }
+GK_API void cmf_shm_write_unlock(void) noexcept { lock::rwlock_step(lock::cmdb_semid, lock::kFull); }
 
 GK_API void dbgz_rlock(int idx) noexcept { lock::dbgz_step(idx, -1); }
 GK_API void dbgz_runlock(int idx) noexcept { lock::dbgz_step(idx, 1); }

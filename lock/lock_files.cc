@@ -11,6 +11,7 @@
 #include <string.h>
 #include <sys/file.h>
 #include <sys/sem.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "lock/lock_internal.h"
@@ -21,13 +22,23 @@ namespace lock {
 int cmdb_event_lockfd = -1;
 int shm_lockfd = -1;
 
+int open_lock_file(const char* path, int flags, mode_t mode) {
+  util::UniqueFd fd(::open(path, flags | O_NOFOLLOW, mode));
+  if (!fd.valid() || ::geteuid() != 0) return fd.release();
+  struct stat st;
+  if (::fstat(fd.get(), &st) != 0) return -1;
+  if (st.st_uid == 0) return fd.release();
+  util::log(3, "%s,%d, %s is owned by uid %u, not by root: refusing it\n", util::src::kLock, __LINE__, path,
+            static_cast<unsigned>(st.st_uid));
+  errno = EPERM;
+  return -1;  // ~UniqueFd closes it, keeping errno
+}
+
 namespace {
 
 // The two long-lived descriptors are the library's own: an exec'd program must
 // not inherit them.
-// The lock files live in /tmp, where any local user may plant a symlink first:
-// a root process would then write the marker into, or lock, the link's target.
-constexpr int kOpenFlags = O_RDWR | O_CLOEXEC | O_NOFOLLOW;
+constexpr int kOpenFlags = O_RDWR | O_CLOEXEC;
 
 struct SemSet {
   key_t key;
@@ -46,7 +57,7 @@ void close_fd(int* fd) {
 // through the descriptor slot `fd`, and leaves the slot closed. 0 or -1.
 int create_lock_file(int* fd, const char* path, const char* content) {
   close_fd(fd);
-  *fd = ::open(path, kOpenFlags | O_CREAT, 0666);
+  *fd = open_lock_file(path, kOpenFlags | O_CREAT, 0666);
   if (*fd < 0) return -1;
   ssize_t n = ::write(*fd, content, strlen(content));  // never read back; a short write is harmless
   (void)n;
@@ -63,17 +74,21 @@ void close_lock_files() {
 // what an earlier call opened, which drops this process's record locks.
 int lock_init(bool close_previous) {
   if (close_previous) close_fd(&cmdb_event_lockfd);
-  cmdb_event_lockfd = ::open(kEventLockPath, kOpenFlags);
+  cmdb_event_lockfd = open_lock_file(kEventLockPath, kOpenFlags, 0);
   if (cmdb_event_lockfd < 0) {
-    int err = errno;
+    const int err = errno;
+    if (err == EPERM) return -1;  // a planted file, refused with its own line
     ::sleep(1);  // the creator may still be laying out the region
-    dbg_cmdb(3, "%s:%d: %s create cmdb_event_lockfd error %d\n", "cmf_lock", 184, util::progname(), err);
+    const util::Site& at = util::site::kEventLockFile;
+    util::log(3, "%s:%d: %s create cmdb_event_lockfd error %d\n", at.source, at.line, util::progname(), err);
     return -1;
   }
   if (close_previous) close_fd(&shm_lockfd);
-  shm_lockfd = ::open(kShmLockPath, kOpenFlags);
+  shm_lockfd = open_lock_file(kShmLockPath, kOpenFlags, 0);
   if (shm_lockfd < 0) {
-    dbg_cmdb(3, "%s:%d: create shm_lockfd error %d\n", "cmf_lock", 193, errno);
+    if (errno == EPERM) return -1;
+    const util::Site& at = util::site::kShmLockFile;
+    util::log(3, "%s:%d: create shm_lockfd error %d\n", at.source, at.line, errno);
     return -1;
   }
   // Unchecked: without the set the main lock is a no-op in this process.
@@ -95,21 +110,23 @@ int cmf_file_lock(int fd, int cmd, short type, off_t pos) {
   fl.l_start = pos;
   fl.l_len = 1;
   int rc = ::fcntl(fd, cmd, &fl);
-  if (rc != 0) ::perror("lockerr");
+  if (rc != 0) ::perror("lockerr");  // standard error: see util_internal.h
   return rc;
 }
 
 void valid_shm_lock_file() {
   if (::fcntl(shm_lockfd, F_GETFD) != -1) return;
   if (errno != EBADF) {
-    message("%s:%d failed to access file %s with err (%s)\n", "valid_shm_lock_file", 356, kShmLockPath,
+    const util::Site& at = util::site::kShmLockAccess;
+    message("%s:%d failed to access file %s with err (%s)\n", at.function, at.line, kShmLockPath,
             strerror(errno));
     return;
   }
   // Closed behind our back (or never opened): reopen once; a failure shows in the lock step.
-  shm_lockfd = ::open(kShmLockPath, kOpenFlags);
+  shm_lockfd = open_lock_file(kShmLockPath, kOpenFlags, 0);
   if (shm_lockfd < 0)
-    message("%s:%d failed to open lock file: %s\n", "valid_shm_lock_file", 353, kShmLockPath);
+    message("%s:%d failed to open lock file: %s\n", util::site::kShmLockReopen.function,
+            util::site::kShmLockReopen.line, kShmLockPath);
 }
 
 }  // namespace lock
@@ -139,7 +156,7 @@ GK_API int cmf_shm_write_file_unlock(int pos) noexcept { return lock::shm_file_l
 
 GK_API int cmf_get_restore_lock(void) noexcept {
   // The descriptor is the caller's, so it keeps the plain flags (no close-on-exec).
-  util::UniqueFd fd(::open(lock::kRestoreLockPath, O_RDWR | O_CREAT | O_NOFOLLOW, 0666));
+  util::UniqueFd fd(lock::open_lock_file(lock::kRestoreLockPath, O_RDWR | O_CREAT, 0666));
   if (!fd.valid()) return -1;
   if (::flock(fd.get(), LOCK_EX | LOCK_NB) != 0) return -1;  // busy: ~UniqueFd closes ours
   return fd.release();
@@ -148,8 +165,8 @@ GK_API int cmf_get_restore_lock(void) noexcept {
 GK_API void cmf_restore_unlock(int fd) noexcept {
   if (fd < 0) return;
   if (::flock(fd, LOCK_UN) != 0)
-    message("%s:%d => proc %d unlock failed w/ err (%s)\n", "cmf_restore_unlock", 402,
-            static_cast<int>(util::self_pid()), strerror(errno));
+    message("%s:%d => proc %d unlock failed w/ err (%s)\n", util::site::kRestoreUnlock.function,
+            util::site::kRestoreUnlock.line, static_cast<int>(util::self_pid()), strerror(errno));
 }
 
 GK_API int cmdb_create_lock(void) noexcept {

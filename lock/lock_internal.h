@@ -24,11 +24,17 @@ extern int shm_lockfd;         // "/tmp/shm_lock"
 
 // One semaphore step with SEM_UNDO, retried on EINTR; a negative semid makes it a
 // no-op. Any other failure is fatal: logged at level 2, then exit(-1).
-void __cmdb_rwlock_lock(int semid, int op);
+void rwlock_step(int semid, int op);
 
 // Replaces the set of `key` with a fresh one at kFull. Its id, -1 when no set can
 // be made, -2 when the new set cannot be raised to kFull (it is removed again).
 int cmdb_sem_create(key_t key);
+
+// Opens a lock file in /tmp with O_NOFOLLOW. Any local user can plant a file
+// (or a symlink) there first: a root process takes only a file root owns, or
+// it would lock, and write into, a file its planter controls. The descriptor,
+// or -1 with errno (EPERM, after a log line, for a file of another owner).
+int open_lock_file(const char* path, int flags, mode_t mode);
 
 // One fcntl record lock on byte `pos`: 0, or fcntl's result after a "lockerr"
 // line on standard error. No EINTR retry: an interrupted wait fails.

@@ -28,13 +28,19 @@ static_assert(offsetof(cmdb_header_t, log_level) == 4 && offsetof(cmdb_header_t,
 static_assert(offsetof(cmdb_header_t, max_gid) == 0x0A && offsetof(cmdb_header_t, sql) == 0x0C);
 static_assert(offsetof(cmdb_header_t, version) == 0x10 && offsetof(cmdb_header_t, owner) == 0x18);
 static_assert(offsetof(cmdb_header_t, platform) == 0x2C && sizeof(cmdb_header_t) == CMDB_HEADER_STAT_GLOBAL);
+static_assert(offsetof(cmdb_header_t, ext_flags) == 0x1C && offsetof(cmdb_header_t, write_gid) == 0x20 &&
+              offsetof(cmdb_header_t, change_pid) == 0x24 && offsetof(cmdb_header_t, revision) == 0x34);
 
 GK_LAYOUT(cmdb_var_list_head_t);
 static_assert(sizeof(cmdb_var_list_head_t) == 16);
 
 GK_LAYOUT(cmdb_lock_stat_t);
 static_assert(sizeof(cmdb_lock_stat_t) == 24 && offsetof(cmdb_lock_stat_t, last_time) == 16);
-static_assert(DZ_READER_PIDS + 256 * 4 <= DZ_LOCK_STATS && DZ_LOCK_STATS + 256 * 24 == 0x28F0);
+GK_LAYOUT(cmdb_debug_zone_t);
+static_assert(DZ_EVENT_SWITCH == 0 && DZ_MAIL_MODE == 8 && DZ_DEBUG_BYTE == 0x240);
+static_assert(DZ_READER_SLOT_NEXT == 3304 && DZ_READER_PIDS == 3308 && DZ_LOCK_STATS == 4336);
+static_assert(offsetof(cmdb_debug_zone_t, reserved5) == 0x28F0 && DZ_EVENT_LOG_LEVEL == 0x5520);
+static_assert(DZ_DOMAIN_SLOTS == 300940 && DZ_DOMAIN_RECORDS == 300960);
 
 GK_LAYOUT(cmdb_page_slot_t);
 static_assert(sizeof(cmdb_page_slot_t) == 8 && offsetof(cmdb_page_table_t, slot) == 8);
@@ -42,6 +48,7 @@ static_assert(sizeof(cmdb_slab_cache_t) == 28 && offsetof(cmdb_slab_cache_t, par
 static_assert(offsetof(cmdb_slab_cache_t, num) == 16 && offsetof(cmdb_slab_cache_t, slab_size) == 24);
 static_assert(sizeof(cmdb_slab_cache_table_t) == 284);
 static_assert(offsetof(cmdb_slab_header_t, inuse) == 16 && offsetof(cmdb_slab_header_t, next_free) == 24);
+static_assert(sizeof(cmdb_large_header_t) == 8);
 
 GK_LAYOUT(cmdb_node_t);
 static_assert(offsetof(cmdb_node_t, scope) == 4 && offsetof(cmdb_node_t, ds_index) == 8);
@@ -65,6 +72,9 @@ static_assert(offsetof(cmdb_sql_desc_t, long2) == 40 && offsetof(cmdb_sql_desc_t
 GK_LAYOUT(cmdb_sql_node_t);
 static_assert(offsetof(cmdb_sql_node_t, name1) == 4 && offsetof(cmdb_sql_node_t, name2) == 36);
 static_assert(offsetof(cmdb_sql_node_t, name3) == 68 && sizeof(cmdb_sql_node_t) == 132);
+static_assert(CMDB_SQL_NODE_SIZE == 11220 && CMDB_NODE_INDEX_SIZE == 7444);
+GK_LAYOUT(cmdb_datasource_t);
+static_assert(offsetof(cmdb_datasource_t, pair) == 2 && CMDB_DATASOURCE_SIZE == 1314);
 
 static_assert(offsetof(cmdb_object_block_t, gid) == 8 && offsetof(cmdb_object_block_t, child) == 12);
 static_assert(offsetof(cmdb_table_block_t, count) == 16 && offsetof(cmdb_table_block_t, pending) == 20);
@@ -87,15 +97,24 @@ static_assert(offsetof(cmdb_size_rec_t, tsize_extra) == 366 && sizeof(cmdb_size_
 static_assert(sizeof(cmdb_table_limit_t) == 20 && offsetof(cmdb_table_limits_t, rec) == 4);
 static_assert(sizeof(cmdb_table_limits_t) == 2484);
 
+GK_LAYOUT(cmdb_global_t);
+static_assert(offsetof(cmdb_global_t, locators_ready) == 0x11C && offsetof(cmdb_global_t, locator) == 0x120);
+static_assert(offsetof(cmdb_global_t, table_limits) == 0x134 && offsetof(cmdb_global_t, services) == 0xAE8);
+static_assert(CMDB_GLOBAL_SIZE == 38216);
+
 static_assert(offsetof(cmdb_device_table_t, rec) == 4 && offsetof(cmdb_device_table_t, order) == 11268);
-static_assert(sizeof(cmdb_device_table_t) == 11332);
+static_assert(CMDB_DEVICES_SIZE == 11332);
 static_assert(offsetof(cmdb_filter_t, value) == 8);
 
 GK_LAYOUT(cmdb_event_entry_t);
 static_assert(sizeof(cmdb_event_proc_t) == 24 && offsetof(cmdb_event_proc_t, act) == 22);
 static_assert(offsetof(cmdb_event_proc_t, flags) == 23 && offsetof(cmdb_event_entry_t, procs) == 2);
 static_assert(sizeof(cmdb_event_entry_t) == 386 && offsetof(cmdb_event_table_t, rec) == 4);
-static_assert(sizeof(cmdb_event_table_t) <= 49800);
+static_assert(sizeof(cmdb_event_table_t) <= CMDB_EVENT_SIZE);
+GK_LAYOUT(cmdb_host_desc_t);
+static_assert(offsetof(cmdb_host_desc_t, elem_count) == 134 && offsetof(cmdb_host_desc_t, elems) == 144);
+static_assert(sizeof(cmdb_host_desc_elem_t) == 24 && offsetof(cmdb_host_desc_elem_t, bytes) == 8);
+static_assert(offsetof(cmdb_host_desc_elem_t, len) == 16);
 GK_LAYOUT(cmdb_event_msg_t);
 static_assert(offsetof(cmdb_event_msg_t, domain_id) == 4 && offsetof(cmdb_event_msg_t, act) == 8);
 static_assert(offsetof(cmdb_event_msg_t, data_size) == 12 && offsetof(cmdb_event_msg_t, total_size) == 16);
@@ -103,4 +122,5 @@ static_assert(offsetof(cmdb_event_msg_t, data1) == 24 && offsetof(cmdb_event_msg
 static_assert(sizeof(cmdb_event_msg_t) == 48);
 
 static_assert(sizeof(cmf_buf_t) == 24 && offsetof(cmf_buf_t, len) == 16 && offsetof(cmf_buf_t, size) == 20);
-static_assert(sizeof(cmdb_daemon_status_t) == 104 && offsetof(cmdb_daemon_status_t, reload_value) == 32);
+static_assert(CMDB_DAEMON_STATUS_SIZE == 104 && offsetof(cmdb_daemon_status_t, reload_value) == 32);
+static_assert(CMDB_STRING_TYPES == 0x2024);

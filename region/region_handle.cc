@@ -48,9 +48,9 @@ GK_API uint32_t set_cmdb_nxt_update(void) noexcept {
 GK_API void* cmf_shm_statistics(void) noexcept { return cmdb.statistics; }
 
 GK_API uint32_t orv_mail_mode(void) noexcept {
-  if (nCfg_debug_zone == nullptr) return 0;
-  auto* word = reinterpret_cast<uint32_t*>(static_cast<char*>(nCfg_debug_zone) + DZ_MAIL_MODE);
-  return std::atomic_ref<uint32_t>(*word).load(std::memory_order_relaxed);
+  auto* dz = static_cast<cmdb_debug_zone_t*>(nCfg_debug_zone);
+  if (dz == nullptr) return 0;
+  return std::atomic_ref<uint32_t>(dz->mail_mode).load(std::memory_order_relaxed);
 }
 
 }  // extern "C"

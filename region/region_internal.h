@@ -5,42 +5,32 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <span>
+
 #include "gikraidrum.h"
+#include "util/util_internal.h"
 
 namespace region {
 
 // Messages of this subsystem name this source.
-inline constexpr char kSource[] = "cmf_shm_init";
+inline constexpr const char* kSource = util::src::kRegion;
 
 inline constexpr int kVarListSlots = 4;   // per group
 inline constexpr int kGroupCount = 10;
-inline constexpr uint32_t kMaxVarListId = 15;
 
-// Fixed sizes of the sub-regions whose length does not depend on the schema.
-inline constexpr int32_t kSqlNodeSize = 11220;     // 85 records of 132 bytes
-inline constexpr int32_t kDatasourceSize = 1314;   // u16 count + 328 pairs
-inline constexpr int32_t kNodeIndexSize = 7444;    // 1861 u32 slots
-inline constexpr int32_t kGlobalSize = 38216;
-inline constexpr int32_t kEventSize = 49800;
-inline constexpr int32_t kDevicesSize = 11332;
-inline constexpr int32_t kGrowableHeadSize = 16;
-inline constexpr int32_t kDaemonStatusSize = 104;
+// Var-list ids: the numbers messages name the files by. Not in table order.
+enum VarListId : uint32_t {
+  kIdNode = 1, kIdSqlNode, kIdDatasource, kIdNodeIndex, kIdGlobal, kIdEvent, kIdDebugZone, kIdGlobalRw,
+  kIdPage, kIdDomain, kIdDomidIndex, kIdDomnameIndex, kIdAdminLogin, kIdDaemonStatus, kIdDevices,
+};
+inline constexpr uint32_t kMaxVarListId = kIdDevices;
+static_assert(kIdPage == 9 && kMaxVarListId == 15);
 
-inline constexpr int kSqlRecords = kSqlNodeSize / static_cast<int>(sizeof(cmdb_sql_node_t));
-inline constexpr int kDatasourcePairs = (kDatasourceSize - 2) / 4;
-inline constexpr int kIndexSlots = kNodeIndexSize / 4;
-static_assert(kSqlRecords == 85 && kDatasourcePairs == 328 && kIndexSlots == CMDB_MAX_GID);
-
-// Offsets inside `cmdb_global`.
-inline constexpr size_t kGlobalLocatorFlag = 0x11C;
-inline constexpr size_t kGlobalLocators = 0x120;
-inline constexpr size_t kGlobalTableLimits = 0x134;
-inline constexpr size_t kGlobalServices = 0xAE8;
-inline constexpr size_t kServiceTableSize = 35424;
-inline constexpr int kLocatorBlocks = 5;
-inline constexpr uint32_t kLocatorBlockSize = 268;   // 12-byte head + 16 records
-static_assert(kGlobalServices + kServiceTableSize == kGlobalSize);
-static_assert(kGlobalTableLimits + sizeof(cmdb_table_limits_t) == kGlobalServices);
+// Sub-region lengths beyond those the public header fixes.
+inline constexpr int32_t kGrowableHeadSize = sizeof(cmdb_var_list_head_t);
+inline constexpr int32_t kLocatorBlockSize =
+    offsetof(cmdb_locator_block_t, rec) + CMDB_LOCATOR_CAPACITY * sizeof(cmdb_locator_rec_t);
+static_assert(kLocatorBlockSize == 268);
 
 // Results of creation beyond the walk's own -3 and -4.
 inline constexpr int kErrNoSchema = -1;
@@ -74,7 +64,7 @@ struct VarList {
 };
 
 enum Access : uint8_t { kOwnerWrites = 1, kAllWrite = 2 };
-enum ModeBit : uint8_t { kInitSet = 1, kOrdinarySet = 2 };
+enum ModeBit : uint8_t { kInitSet = 1, kOrdinarySet = 2, kEverySet = 0xFF };
 
 struct Group {
   VarList lists[kVarListSlots];
@@ -85,6 +75,13 @@ struct Group {
 
 // The var-list table, in table order (defined in cmf_shm_init.cc).
 extern const Group kVarListTable[kGroupCount];
+
+// The var lists a group holds: its slots up to the first empty one.
+inline std::span<const VarList> lists(const Group& g) {
+  size_t n = 0;
+  while (n < kVarListSlots && g.lists[n].id != 0) ++n;
+  return {g.lists, n};
+}
 
 // Per-process state of one var list. `size` and `fd` belong to the walk in
 // progress; `mapped`/`mapped_len` record what this process has mapped, so that
@@ -102,6 +99,8 @@ VarListState& state_of(uint32_t id);
 int create_step(const VarList& vl);   // the new descriptor, or -1
 int fill_step(const VarList& vl);     // the var list's length, or < 0
 int map_step(const VarList& vl);      // always 0
+// A descriptor of the sub-region `name` for a mapping with `prot`, or -1 (logged).
+int open_for_attach(const char* name, int prot);
 // For builders: maps `length` bytes (or the table's fixed size) of the group's var
 // list `id`, zero-filled, and stores the base in its field. Null on failure.
 void* allocate_and_map(const Group& g, uint32_t id, int32_t length);

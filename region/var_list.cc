@@ -13,6 +13,7 @@
 #include "alloc/alloc_internal.h"
 #include "gikraidrum.h"
 #include "region/region_internal.h"
+#include "util/util_internal.h"
 
 namespace region {
 namespace {
@@ -23,23 +24,18 @@ int32_t g_domain_capacity = 0;
 // for the process, since only one var list grows.
 uint32_t g_known_capacity = 0;
 
-constexpr uint32_t kGrowthStep = 64;
 constexpr char kGrowableName[] = "admin_login_status";
 
 const VarList* find_by_id(const Group& g, uint32_t id) {
-  for (const VarList& vl : g.lists) {
-    if (vl.id == 0) break;
+  for (const VarList& vl : lists(g))
     if (vl.id == id) return &vl;
-  }
   return nullptr;
 }
 
 const VarList* find_by_name(const char* name) {
   for (const Group& g : kVarListTable)
-    for (const VarList& vl : g.lists) {
-      if (vl.id == 0) break;
+    for (const VarList& vl : lists(g))
       if (strcmp(vl.name, name) == 0) return &vl;
-    }
   return nullptr;
 }
 
@@ -56,8 +52,8 @@ struct Image {
   Image& operator=(const Image&) = delete;
   int write_to(int fd) const { return static_cast<int>(::write(fd, bytes, len)); }
   template <typename T>
-  void put(size_t off, T v) {
-    memcpy(bytes + off, &v, sizeof v);
+  T* as() {
+    return reinterpret_cast<T*>(bytes);
   }
   uint8_t* bytes;
   size_t len;
@@ -82,6 +78,15 @@ VarListState& state_of(uint32_t id) { return g_state[id <= kMaxVarListId ? id : 
 
 void set_domain_capacity(int32_t d) { g_domain_capacity = d; }
 void forget_known_capacity() { g_known_capacity = 0; }
+
+int open_for_attach(const char* name, int prot) {
+  if ((prot & PROT_WRITE) != 0) return cmdb_shm_open(name, 1);
+  // The file is opened read-write whatever the mapping, as creation left it for
+  // the lists that grow. In a restricted region a member of the group may only
+  // read what the owner writes: a refused read-write open falls back to reading.
+  if (int fd = alloc::open_quiet(name, O_RDWR); fd >= 0) return fd;
+  return cmdb_shm_open(name, errno == EACCES ? 0 : 1);
+}
 
 int create_step(const VarList& vl) {
   VarListState& st = state_of(vl.id);
@@ -122,7 +127,7 @@ void* allocate_and_map(const Group& g, uint32_t id, int32_t length) {
   void* base = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, st.fd, 0);
   if (base == MAP_FAILED) {
     int err = errno;
-    dbg_cmdb(3, "%s,%d, name=%s, errno=%d.\n", kSource, __LINE__, vl->name, err);
+    util::log(3, "%s,%d, name=%s, errno=%d.\n", kSource, __LINE__, vl->name, err);
     return nullptr;
   }
   memset(base, 0, len);
@@ -163,31 +168,33 @@ void release_mapping(const VarList& vl) {
 int fill_page_table(const VarList& vl) {
   Image img(alloc::kPageTableImageSize);
   if (img.bytes == nullptr) return -1;
-  alloc::write_page_table_image(img.bytes);
+  alloc::write_page_table_image(img.as<cmdb_page_table_t>());
   // The creator allocates (the global hook) before it has attached: its page
   // map starts from this image.
-  alloc::page_map_init(reinterpret_cast<const cmdb_page_table_t*>(img.bytes));
+  alloc::page_map_init(img.as<cmdb_page_table_t>());
   return img.write_to(state_of(vl.id).fd);
 }
 
 int fill_global(const VarList& vl) {
-  Image img(kGlobalSize);
+  Image img(CMDB_GLOBAL_SIZE);
   if (img.bytes == nullptr) return -1;
-  alloc::write_cache_table_image(img.bytes);
-  memcpy(img.bytes + kGlobalTableLimits, &built_table_limits(), sizeof(cmdb_table_limits_t));
-  if (cmdb.service_table != nullptr) memcpy(img.bytes + kGlobalServices, cmdb.service_table, kServiceTableSize);
+  auto* g = img.as<cmdb_global_t>();
+  alloc::write_cache_table_image(&g->caches);
+  g->table_limits = built_table_limits();
+  if (cmdb.service_table != nullptr) memcpy(g->services, cmdb.service_table, sizeof g->services);
   return img.write_to(state_of(vl.id).fd);
 }
 
 int fill_header(const VarList& vl) {
   Image img(CMDB_GLOBAL_RW_SIZE);
   if (img.bytes == nullptr) return -1;
-  img.put<uint32_t>(offsetof(cmdb_header_t, magic), CMDB_HEADER_MAGIC);
-  img.put<uint32_t>(offsetof(cmdb_header_t, log_level), 3);
-  img.put<uint16_t>(offsetof(cmdb_header_t, nodes), 1603);
-  img.put<uint16_t>(offsetof(cmdb_header_t, max_gid), CMDB_MAX_GID);
-  img.put<uint16_t>(offsetof(cmdb_header_t, sql), static_cast<uint16_t>(kSqlRecords));
-  img.put<uint32_t>(offsetof(cmdb_header_t, platform), cmdb.platform);
+  auto* h = img.as<cmdb_header_t>();
+  h->magic = CMDB_HEADER_MAGIC;
+  h->log_level = CMDB_LOG_LEVEL_DEFAULT;
+  h->nodes = CMDB_HEADER_NODES;
+  h->max_gid = CMDB_MAX_GID;
+  h->sql = CMDB_SQL_NODES;
+  h->platform = cmdb.platform;
   return img.write_to(state_of(vl.id).fd);
 }
 
@@ -195,44 +202,45 @@ int fill_debug_zone(const VarList& vl) {
   // Lock files and semaphores are made here so that they exist before the
   // creator's init_cmdb_app_core opens them.
   cmdb_create_lock();
-  int64_t slots = static_cast<int64_t>(g_domain_capacity) + 1;
-  int64_t len = slots * 276 + DZ_DOMAIN_RECORDS;
-  if (len < DZ_DOMAIN_RECORDS) return -1;
-  Image img(static_cast<size_t>(len));
+  const int64_t slots = static_cast<int64_t>(g_domain_capacity) + 1;
+  if (slots < 0) return -1;
+  Image img(sizeof(cmdb_debug_zone_t) + static_cast<size_t>(slots) * CMDB_DZ_DOMAIN_RECORD);
   if (img.bytes == nullptr) return -1;
-  img.put<uint32_t>(DZ_DOMAIN_SLOTS, static_cast<uint32_t>(slots));
+  img.as<cmdb_debug_zone_t>()->domain_slots = static_cast<uint32_t>(slots);
   return img.write_to(state_of(vl.id).fd);
 }
 
 int build_domains(const Group& g) {
-  int32_t d = g_domain_capacity;
-  if (allocate_and_map(g, 10, d * 264 + 12) == nullptr) return kErrDomainMap;
-  if (allocate_and_map(g, 11, d * 4) == nullptr) return kErrDomainIndexMap;
-  if (allocate_and_map(g, 12, d * 4) == nullptr) return kErrDomainIndexMap;
+  constexpr int64_t kHead = offsetof(cmdb_domain_table_t, rec), kRecord = sizeof(cmdb_domain_rec_t);
+  const int64_t d = g_domain_capacity;
+  const auto table = static_cast<int32_t>(kHead + d * kRecord);
+  const auto index = static_cast<int32_t>(d * int64_t{sizeof(uint32_t)});
+  if (allocate_and_map(g, kIdDomain, table) == nullptr) return kErrDomainMap;
+  if (allocate_and_map(g, kIdDomidIndex, index) == nullptr) return kErrDomainIndexMap;
+  if (allocate_and_map(g, kIdDomnameIndex, index) == nullptr) return kErrDomainIndexMap;
   return 0;
 }
 
 // ---- After-map hooks and their undoing -------------------------------------
 
 void global_hook(void* base, bool writable) {
-  auto* b = static_cast<uint8_t*>(base);
-  cmdb.slab_caches = b;
-  cmdb.index_roots = reinterpret_cast<uint32_t*>(b + kGlobalLocatorFlag);
-  cmdb.table_limits = b + kGlobalTableLimits;
-  cmdb.services = b + kGlobalServices;
+  auto* g = static_cast<cmdb_global_t*>(base);
+  cmdb.slab_caches = &g->caches;
+  cmdb.index_roots = &g->locators_ready;
+  cmdb.table_limits = &g->table_limits;
+  cmdb.services = g->services;
   // Only the creator, which maps this first and writable, finds the flag clear;
   // a read-only mapping is never written, whatever the flag says.
-  if (!writable || cmdb.index_roots[0] != 0) return;
-  for (int k = 0; k < kLocatorBlocks; ++k) {
+  if (!writable || g->locators_ready != 0) return;
+  for (uint32_t& locator : g->locator) {
     uint32_t handle = 0;
-    auto* blk = static_cast<uint8_t*>(cmf_shm_alloc(kLocatorBlockSize, &handle));
+    auto* blk = static_cast<cmdb_locator_block_t*>(cmf_shm_alloc(kLocatorBlockSize, &handle));
     if (blk == nullptr) continue;
-    blk[0] = CMDB_BLK_LOCATOR;
-    uint32_t capacity = 16;
-    memcpy(blk + offsetof(cmdb_locator_block_t, capacity), &capacity, sizeof capacity);
-    cmdb.index_roots[1 + k] = handle;
+    blk->kind = CMDB_BLK_LOCATOR;
+    blk->capacity = CMDB_LOCATOR_CAPACITY;
+    locator = handle;
   }
-  cmdb.index_roots[0] = 1;
+  g->locators_ready = 1;
 }
 
 void header_hook(void* base, bool) {
@@ -290,8 +298,8 @@ GK_API int cmf_var_list_update(void** pfield) noexcept {
     void* moved = ::mremap(*pfield, have, want, MREMAP_MAYMOVE);
     if (moved == MAP_FAILED) {
       int err = errno;
-      dbg_cmdb(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource,
-               "cmf_var_list_update", __LINE__);
+      util::log(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource,
+                "cmf_var_list_update", __LINE__);
     } else {
       *pfield = moved;
       st.mapped = moved;
@@ -318,14 +326,14 @@ GK_API int cmf_var_list_alloc(const char* name) noexcept {
   uint32_t capacity = region::load_shared(head->capacity);
   if (capacity <= region::load_shared(head->used)) {
     region::VarListState& st = region::state_of(vl->id);
-    uint32_t grown = capacity + region::kGrowthStep;
+    uint32_t grown = capacity + CMDB_VAR_LIST_STEP;
     size_t want = static_cast<size_t>(grown) * unit + region::kGrowableHeadSize;
     size_t have = region::mapped_length(*pfield, unit);
     void* moved = ::mremap(*pfield, have, want, MREMAP_MAYMOVE);
     if (moved == MAP_FAILED) {
       int err = errno;
-      dbg_cmdb(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource,
-               "cmf_var_list_alloc", __LINE__);
+      util::log(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource,
+                "cmf_var_list_alloc", __LINE__);
     } else {
       *pfield = moved;
       st.mapped = moved;

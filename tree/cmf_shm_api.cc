@@ -12,8 +12,6 @@
 namespace tree {
 namespace {
 
-constexpr uint32_t kIndexSlots = 1861;  // cmdb_node_index is 7444 bytes: gids 0 to 1860
-
 // How far this process may read from the base of cmdb_node. Learned from the
 // kernel the first time a base is seen, and again before a record is refused, so
 // a region rebuilt at the same address is never judged by its predecessor.
@@ -39,7 +37,7 @@ const cmdb_node_t* checked_record(const char* base, uint32_t offset) {
   for (int attempt = 0;; ++attempt) {
     if (fits(limit, offset, sizeof(cmdb_node_t))) {
       auto* node = reinterpret_cast<const cmdb_node_t*>(base + offset);
-      if (fits(limit, offset, sizeof(cmdb_node_t) + 4u * node->nchild)) return node;
+      if (fits(limit, offset, sizeof(cmdb_node_t) + sizeof(uint32_t) * node->nchild)) return node;
     }
     if (attempt == 1) return nullptr;
     limit = refresh_area(base);
@@ -55,7 +53,7 @@ const cmdb_node_t* node_at(uint32_t offset) {
 
 const cmdb_node_t* find_node(uint32_t gid) {
   const uint16_t g = static_cast<uint16_t>(gid);
-  if (static_cast<uint16_t>(g - 1) >= CMDB_MAX_GID || g >= kIndexSlots) return nullptr;
+  if (static_cast<uint16_t>(g - 1) >= CMDB_MAX_GID || g >= CMDB_NODE_INDEX_SLOTS) return nullptr;
   const auto* index = static_cast<const uint32_t*>(cmdb.cmdb_node_index);
   const char* base = static_cast<const char*>(cmdb.cmdb_node);
   if (index == nullptr || base == nullptr) return nullptr;
@@ -69,11 +67,19 @@ int compare_typed(const void* a, const void* b, int type, int size) {
 
 namespace {
 
+bool is_table(const cmdb_node_t* n) { return n->kind == CMDB_KIND_TABLE || n->kind == CMDB_KIND_SUBTABLE; }
+
+// Children with an instance block of their own take a child slot in each
+// entry (or the object) of their parent.
+bool has_child_slot(const cmdb_node_t* n) {
+  return is_table(n) || n->kind == CMDB_KIND_OBJECT || (n->kind == CMDB_KIND_LIST && n->type == CMDB_TYPE_LIST);
+}
+
 int walk(cmdb_node_desc_t* desc, int index, uintptr_t parent_value, DescVisitor visitor, void* ctx) {
   if (desc == nullptr) return -1;
   uintptr_t own = 0;
   if (int r = visitor(desc, index, parent_value, &own, ctx); r < 0) return r;
-  if ((desc->kind & 15) == 10) return 0;
+  if ((desc->kind & CMDB_DESC_NIBBLE) == CMDB_KIND_OPAQUE) return 0;
   for (int i = 0; i < desc->nchild; ++i) {
     // A child list missing while nchild says otherwise reads as null children.
     cmdb_node_desc_t* child = desc->children != nullptr ? desc->children[i] : nullptr;
@@ -82,9 +88,9 @@ int walk(cmdb_node_desc_t* desc, int index, uintptr_t parent_value, DescVisitor 
   return 0;
 }
 
-// The entry node of a table node (kinds 2 and 3), else the node itself.
+// The entry node of a table node, else the node itself.
 const cmdb_node_t* slot_owner(const cmdb_node_t* node) {
-  if (node->kind != 2 && node->kind != 3) return node;
+  if (!is_table(node)) return node;
   return node->nchild == 0 ? nullptr : node_at(node->child[0]);
 }
 
@@ -106,21 +112,24 @@ extern "C" {
 // Descriptors the command line uses for the domain table and its name; the
 // node builder visits the first one before the host's schema.
 GK_API cmdb_node_desc_t __cli_domain_node = {
-    .name = "domain", .help = "config domain objects", .gid = 91, .u20 = 0, .u22 = 0, .u24 = 0x41,
-    .nchild = 0, .u27 = 0, .u28 = 0, .type_scope = 0x10, .kind = 2, .flags_a = 0, .u32_ = {}, .flags_b = 0,
-    .flags_c = 0x08, .u36 = {}, .defaults = nullptr, .refs = {}, .source = nullptr, .u72 = {}, .size = 256,
-    .offset = 0, .u84 = 0, .u86 = 1, .u88 = {}, .children = nullptr};
+    .name = "domain", .help = "config domain objects", .gid = CMDB_DOMAIN_GID, .u20 = 0, .u22 = 0,
+    .u24 = 0x41, .nchild = 0, .u27 = 0, .u28 = 0, .type_scope = CMDB_SCOPE_GLOBAL_TOO << CMDB_DESC_SCOPE_SHIFT,
+    .kind = CMDB_KIND_TABLE, .flags_a = 0, .u32_ = {}, .flags_b = 0, .flags_c = 0x08, .u36 = {},
+    .defaults = nullptr, .refs = {}, .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1,
+    .u88 = {}, .children = nullptr};
 GK_API cmdb_node_desc_t __cli_fqdn_node = {
-    .name = "fqdn", .help = "domain server name", .gid = 92, .u20 = 0, .u22 = 0, .u24 = 2,
-    .nchild = 0, .u27 = 0, .u28 = 0, .type_scope = 0x02, .kind = 5, .flags_a = 0, .u32_ = {}, .flags_b = 0x04,
-    .flags_c = 0x10, .u36 = {}, .defaults = nullptr, .refs = {}, .source = nullptr, .u72 = {}, .size = 256,
-    .offset = 0, .u84 = 0, .u86 = 1, .u88 = {}, .children = nullptr};
+    .name = "fqdn", .help = "domain server name", .gid = 92, .u20 = 0, .u22 = 0, .u24 = 2, .nchild = 0,
+    .u27 = 0, .u28 = 0, .type_scope = CMDB_TYPE_STRING, .kind = CMDB_KIND_ATTR, .flags_a = 0, .u32_ = {},
+    .flags_b = CMDB_DESC_B_FLAG0, .flags_c = CMDB_DESC_C_NOCASE, .u36 = {}, .defaults = nullptr, .refs = {},
+    .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1, .u88 = {}, .children = nullptr};
 
 // A table whose gid has no node is the caller's error; it reads as a node of
 // size 0 so that addressing stays inside the entry heads.
 GK_API uint32_t cmf_get_entry_size(const void* table) noexcept {
   const cmdb_node_t* node = tree::table_node(table);
-  return (node != nullptr ? node->size : 0u) + 4u * static_cast<const cmdb_table_block_t*>(table)->nchild + 8u;
+  return (node != nullptr ? node->size : 0u) +
+         static_cast<uint32_t>(sizeof(uint32_t)) * static_cast<const cmdb_table_block_t*>(table)->nchild +
+         static_cast<uint32_t>(offsetof(cmdb_entry_t, child));
 }
 
 GK_API void* cmf_get_table_entry(void* table, uint32_t pos) noexcept {
@@ -166,13 +175,12 @@ GK_API void* copy_cmdb_default(const cmdb_node_t* node, void* dst, int32_t len) 
 
 GK_API void* cmdb_get_master_key(uint32_t gid, void* data) noexcept {
   const cmdb_node_t* node = tree::find_node(gid);
-  if (node == nullptr || (node->kind != 2 && node->kind != 3) || data == nullptr) return nullptr;
+  if (node == nullptr || !tree::is_table(node) || data == nullptr) return nullptr;
   const cmdb_node_t* entry = tree::slot_owner(node);
   return entry == nullptr ? nullptr : static_cast<char*>(data) + entry->offset;
 }
 
-// Child instance slots each entry (or the object) of this node carries: one per
-// child of kind 2, 3 or 4, or of kind 6 with type 13.
+// Child instance slots each entry (or the object) of this node carries.
 GK_API uint32_t cmf_node_child_size(const cmdb_node_t* node) noexcept {
   if (node == nullptr) return 0;
   const cmdb_node_t* e = tree::slot_owner(node);
@@ -181,7 +189,7 @@ GK_API uint32_t cmf_node_child_size(const cmdb_node_t* node) noexcept {
   for (int i = 0; i < e->nchild && e->child[i] != 0; ++i) {
     const cmdb_node_t* c = tree::node_at(e->child[i]);
     if (c == nullptr) break;
-    if (c->kind == 2 || c->kind == 3 || c->kind == 4 || (c->kind == 6 && c->type == 13)) ++slots;
+    if (tree::has_child_slot(c)) ++slots;
   }
   return slots;
 }
@@ -207,7 +215,7 @@ GK_API int cmdb_compare_attr_data(const void* a, const void* b, const cmdb_node_
 GK_API int cli_compare_attr_data(const void* a, const void* b, const cmdb_node_desc_t* desc) noexcept {
   if (desc == nullptr || a == nullptr || b == nullptr) return 0;
   return tree::compare_typed(static_cast<const char*>(a) + desc->offset, static_cast<const char*>(b) + desc->offset,
-                             desc->type_scope & 15, desc->size);
+                             desc->type_scope & CMDB_DESC_NIBBLE, desc->size);
 }
 
 }  // extern "C"

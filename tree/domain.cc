@@ -188,7 +188,8 @@ GK_API uint32_t* cmdb_find_domain_entity(cmdb_root_block_t* root, const cmdb_nod
   // A count past the allocator block that holds the root block is damage.
   int count = root->count;
   if (const size_t bytes = alloc::block_bytes_from(root); bytes != 0) {
-    const size_t room = bytes < offsetof(cmdb_root_block_t, entry) ? 0 : (bytes - offsetof(cmdb_root_block_t, entry)) / 8;
+    constexpr size_t kHead = offsetof(cmdb_root_block_t, entry);
+    const size_t room = bytes < kHead ? 0 : (bytes - kHead) / sizeof(cmdb_root_entry_t);
     if (static_cast<size_t>(count) > room) count = static_cast<int>(room);
   }
   int lo = 0, hi = count - 1;
@@ -204,17 +205,17 @@ GK_API uint32_t* cmdb_find_domain_entity(cmdb_root_block_t* root, const cmdb_nod
   return nullptr;
 }
 
-// The root entry of element gid in domain domain_id: global elements (scope
-// bit 1 clear) always resolve in the global context; a per-domain element
-// resolves in the global context only when its scope bit 0 allows it.
+// The root entry of element gid in domain domain_id: global elements always
+// resolve in the global context; a per-domain element resolves there only when
+// its scope allows it.
 GK_API uint32_t* cmdb_find_root_entity(uint32_t domain_id, uint32_t gid) noexcept {
   const cmdb_node_t* node = tree::find_node(gid);
   if (node == nullptr) return nullptr;
-  if ((node->scope & 2) == 0) {
+  if ((node->scope & CMDB_SCOPE_DOMAIN) == 0) {
     domain_id = 0;
-  } else if (domain_id == 0 && (node->scope & 1) == 0) {
-    dbg_cmdb(4, "domain_id is not set for domain setting %d. pid=%d,%s\n", node->gid, util::self_pid(),
-             util::progname());
+  } else if (domain_id == 0 && (node->scope & CMDB_SCOPE_GLOBAL_TOO) == 0) {
+    util::log(4, "domain_id is not set for domain setting %d. pid=%d,%s\n", node->gid, util::self_pid(),
+              util::progname());
     return nullptr;
   }
   return cmdb_find_domain_entity(cmdb_find_domain_by_id(domain_id), node);

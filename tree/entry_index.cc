@@ -7,13 +7,16 @@
 #include "alloc/alloc_internal.h"
 #include "tree/tree_internal.h"
 #include "tree/typed_compare.h"
+#include "util/util_internal.h"
 
 namespace tree {
 namespace {
 
-constexpr int kGrowSlots = 16;
 constexpr size_t kIndexHead = offsetof(cmdb_entry_index_t, slot);
 constexpr size_t kTableHead = offsetof(cmdb_table_block_t, entries);
+constexpr uint32_t index_bytes(int capacity) {
+  return static_cast<uint32_t>(kIndexHead + sizeof(uint32_t) * static_cast<size_t>(capacity));
+}
 
 // Stands in for the key of a slot that names no entry in use: the search goes on
 // over these zeros and its result is thrown away (a key is at most 65535 bytes).
@@ -41,8 +44,8 @@ struct KeyColumn {
 };
 
 void log_damage(const char* what, int32_t count, int64_t room) {
-  dbg_cmdb(3, "%s damaged: count %d, room %lld, %s,%s,%d.\n", what, static_cast<int>(count),
-           static_cast<long long>(room), "cmf_shm_api", "__cmf_svr_binary_find_index", __LINE__);
+  util::log(3, "%s damaged: count %d, room %lld, %s,%s,%d.\n", what, static_cast<int>(count),
+            static_cast<long long>(room), util::src::kTree, "__cmf_svr_binary_find_index", __LINE__);
 }
 
 // True, after logging, when the search met a slot naming no entry in use.
@@ -59,7 +62,7 @@ bool key_column(const void* table, const cmdb_entry_index_t* ix, KeyColumn* col)
   const cmdb_node_t* tnode = find_node(t->gid);
   const cmdb_node_t* knode = find_node(ix->key_gid);
   if (tnode == nullptr || knode == nullptr) return false;
-  const size_t heads = 8 + 4 * static_cast<size_t>(t->nchild);
+  const size_t heads = offsetof(cmdb_entry_t, child) + sizeof(uint32_t) * t->nchild;
   col->stride = tnode->size + heads;
   col->first = t->entries + heads + knode->offset;
   col->type = knode->type;
@@ -89,7 +92,7 @@ int searchable(const cmdb_entry_index_t* ix) {
   const size_t bytes = alloc::block_bytes_from(ix);
   const int64_t room = bytes == 0            ? INT32_MAX
                        : bytes < kIndexHead ? -1
-                                            : static_cast<int64_t>((bytes - kIndexHead) / 4);
+                                            : static_cast<int64_t>((bytes - kIndexHead) / sizeof(uint32_t));
   if (ix->count < 0 || ix->capacity < 0 || ix->count > ix->capacity || ix->capacity > room) {
     log_damage("entry index", ix->count, room);
     return -1;
@@ -239,28 +242,29 @@ Probe search(const cmdb_entry_index_t* ix, int count, const KeyColumn& col, cons
 }
 
 void log_duplicate(const void* key, const uint8_t* stored, int action) {
-  dbg_cmdb(3, "entry %p:%p duplicated action=%d,%s,%s,%d.\n", key, static_cast<const void*>(stored), action,
-           "cmf_shm_api", "__cmf_svr_binary_find_index", 353);
+  const util::Site& at = util::site::kIndexDuplicate;
+  util::log(3, "entry %p:%p duplicated action=%d,%s,%s,%d.\n", key, static_cast<const void*>(stored), action,
+            at.source, at.function, at.line);
 }
 
-// Makes room for one more slot, growing the block by 16 slots through the
-// allocator when it is full; the shmid field and *pix follow a move.
+// Makes room for one more slot, growing the block through the allocator when
+// it is full; the shmid field and *pix follow a move. 0, or -1 after a log line.
 // REQUIRES: main lock held exclusive.
-bool reserve_slot(uint32_t* index_shmid, cmdb_entry_index_t** pix) {
+int reserve_slot(uint32_t* index_shmid, cmdb_entry_index_t** pix) {
   cmdb_entry_index_t* ix = *pix;
   if (ix->capacity <= ix->count && index_shmid != nullptr) {
-    const int grown = ix->capacity + kGrowSlots;
-    auto* moved = static_cast<cmdb_entry_index_t*>(
-        cmf_shm_realloc(ix, static_cast<uint32_t>(kIndexHead + 4 * static_cast<size_t>(grown)), index_shmid, -1));
+    const int grown = ix->capacity + CMDB_INDEX_STEP;
+    auto* moved = static_cast<cmdb_entry_index_t*>(cmf_shm_realloc(ix, index_bytes(grown), index_shmid, -1));
     if (moved != nullptr) {
       moved->capacity = grown;
       *pix = ix = moved;
     }
   }
-  if (ix->capacity > ix->count) return true;
-  dbg_cmdb(3, "entry count %d overflow %d, %s,%s,%d.\n", ix->count, ix->capacity, "cmf_shm_api",
-           "__cmf_svr_binary_find_index", 364);
-  return false;
+  if (ix->capacity > ix->count) return 0;
+  const util::Site& at = util::site::kIndexOverflow;
+  util::log(3, "entry count %d overflow %d, %s,%s,%d.\n", ix->count, ix->capacity, at.source, at.function,
+            at.line);
+  return -1;
 }
 
 // REQUIRES: main lock held exclusive.
@@ -274,7 +278,7 @@ int insert(uint32_t* index_shmid, cmdb_entry_index_t** pix, const KeyColumn& col
     log_duplicate(key, col.at((*pix)->slot[probe.at]), CMDB_INDEX_INSERT);
     return -1;
   }
-  if (!reserve_slot(index_shmid, pix)) return -1;
+  if (reserve_slot(index_shmid, pix) != 0) return -1;
   cmdb_entry_index_t* ix = *pix;
   const auto p = static_cast<uint32_t>(req->pos);
   // The table is about to open a gap at p: entries from p on move up by one.
@@ -307,7 +311,7 @@ int reposition(cmdb_entry_index_t* ix, const KeyColumn& col, const cmdb_index_re
   int k = 0;
   while (k < count && ix->slot[k] != p) ++k;
   if (k == count) {
-    dbg_cmdb(3, "cannot find org_idx for entry_idx:%d\n", req->pos);
+    util::log(3, "cannot find org_idx for entry_idx:%d\n", req->pos);
     return -1;
   }
   const int lo = probe.at;
@@ -353,8 +357,9 @@ GK_API int __cmf_svr_find_entry_by_index(void* table, uint32_t* index_shmid, cmd
 }
 
 // Removes position pos, whose entry has left the table, and renumbers the
-// entries that moved down behind it; shrinks by 16 slots once more than 16 are
-// free, so alternating inserts and deletes at a boundary do not reallocate.
+// entries that moved down behind it; shrinks by a step once more than a step
+// of slots is free, so alternating inserts and deletes at a boundary do not
+// reallocate.
 // REQUIRES: main lock held exclusive.
 GK_API int __cmf_svr_binary_del_index(void*, uint32_t* index_shmid, cmdb_entry_index_t** index, int pos) noexcept {
   if (index == nullptr || *index == nullptr) return 0;
@@ -372,10 +377,9 @@ GK_API int __cmf_svr_binary_del_index(void*, uint32_t* index_shmid, cmdb_entry_i
     ++i;
   }
   ix->count = count;
-  if (ix->capacity >= 1 && ix->capacity > count + tree::kGrowSlots && index_shmid != nullptr) {
-    const int shrunk = ix->capacity - tree::kGrowSlots;
-    auto* moved = static_cast<cmdb_entry_index_t*>(
-        cmf_shm_realloc(ix, static_cast<uint32_t>(tree::kIndexHead + 4 * static_cast<size_t>(shrunk)), index_shmid, -1));
+  if (ix->capacity >= 1 && ix->capacity > count + CMDB_INDEX_STEP && index_shmid != nullptr) {
+    const int shrunk = ix->capacity - CMDB_INDEX_STEP;
+    auto* moved = static_cast<cmdb_entry_index_t*>(cmf_shm_realloc(ix, tree::index_bytes(shrunk), index_shmid, -1));
     if (moved != nullptr) {
       moved->capacity = shrunk;
       *index = moved;
@@ -389,8 +393,9 @@ GK_API int __cmf_svr_find_table_entry(void* table, const void* key) noexcept {
   auto* t = static_cast<cmdb_table_block_t*>(table);
   auto* ix = static_cast<cmdb_entry_index_t*>(cmf_ptr_from_shmid(t->index, 0));
   if (ix == nullptr || *reinterpret_cast<const uint8_t*>(ix) != CMDB_BLK_INDEX) {
-    dbg_cmdb(3, "Critical error in %s,%s,%d, shmid=%d.\n", "cmf_shm_api", "__cmf_svr_find_table_entry", 160,
-             static_cast<int>(t->index));
+    const util::Site& at = util::site::kTableIndexBad;
+    util::log(3, "Critical error in %s,%s,%d, shmid=%d.\n", at.source, at.function, at.line,
+              static_cast<int>(t->index));
     return -1;
   }
   return __cmf_svr_find_entry_by_index(table, &t->index, &ix, key);

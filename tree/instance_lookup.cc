@@ -7,11 +7,10 @@
 #include <strings.h>
 
 #include "tree/tree_internal.h"
+#include "util/util_internal.h"
 
 namespace tree {
 namespace {
-
-constexpr int kLocatorGroups = 5;
 
 struct Slots {
   uint32_t* first;
@@ -39,9 +38,10 @@ bool child_slots(void* parent, const void* key, int pos, Slots* out) {
         pos = __cmf_svr_find_entry_by_index(t, &t->index, &ix, key);
       }
       if (pos < 0 || pos >= t->count) {
+        const util::Site& at = util::site::kChildPosition;
         if (pos > t->count)
-          dbg_cmdb(4, "Warn in %s,%s,%d, table%d,cnt=%d,pos=%d.\n", "cmf_shm_api", "cmdb_find_child_obj", 205,
-                   t->gid, t->count, pos);
+          util::log(4, "Warn in %s,%s,%d, table%d,cnt=%d,pos=%d.\n", at.source, at.function, at.line, t->gid,
+                    t->count, pos);
         return false;
       }
       *out = {entry_slots(t, pos), t->nchild};
@@ -52,28 +52,29 @@ bool child_slots(void* parent, const void* key, int pos, Slots* out) {
   }
 }
 
-// The gid a child instance block names: kinds 2 and 3 at offset 8, kind 7 at 4.
+// The gid a child instance block names.
 uint32_t block_gid(const void* block) {
   const auto* w = static_cast<const uint32_t*>(block);
   switch (w[0]) {
     case CMDB_BLK_OBJECT:
     case CMDB_BLK_TABLE:
-      return w[2];
+      return w[offsetof(cmdb_object_block_t, gid) / sizeof(uint32_t)];
     case CMDB_BLK_OTHER:
       return w[1];
     default:
       return 0;
   }
 }
+static_assert(offsetof(cmdb_object_block_t, gid) == offsetof(cmdb_table_block_t, gid));
 
-// First child block in the slots whose u16 gid at offset 8 is gid. Slots that
-// translate to nothing are passed over.
+// First child block in the slots whose u16 gid (where objects and tables keep
+// it) is gid. Slots that translate to nothing are passed over.
 void* child_table(const uint32_t* slot, int n, uint32_t gid) {
   for (int i = 0; i < n; ++i) {
     auto* block = static_cast<uint8_t*>(cmf_ptr_from_shmid(slot[i], 0));
     if (block == nullptr) continue;
     uint16_t g;
-    memcpy(&g, block + 8, 2);
+    memcpy(&g, block + offsetof(cmdb_object_block_t, gid), sizeof g);
     if (g == static_cast<uint16_t>(gid)) return block;
   }
   return nullptr;
@@ -126,8 +127,8 @@ GK_API void* cmf_find_obj_child_table(void* obj, uint32_t gid) noexcept {
 // group and so the locator block; all zero when there is none.
 GK_API cmdb_locator_rec_t cmdb_entry_from_index(uint32_t ngid) noexcept {
   cmdb_locator_rec_t none = {0, 0, 0, 0};
-  const uint32_t group = ngid >> 24;
-  if (cmdb.index_roots == nullptr || group >= tree::kLocatorGroups) return none;
+  const uint32_t group = ngid >> CMDB_NGID_GROUP_SHIFT;
+  if (cmdb.index_roots == nullptr || group >= CMDB_LOCATOR_GROUPS) return none;
   auto* block = static_cast<cmdb_locator_block_t*>(cmf_ptr_from_shmid(cmdb.index_roots[1 + group], 0));
   if (block == nullptr) return none;
   const int rec = cmf_svr_find_entry_index(block, ngid);
@@ -145,7 +146,7 @@ GK_API void* cmf_find_device_entry(uint32_t id) noexcept {
     if (number < 1 || number > CMDB_DEVICES_MAX) return nullptr;
     uint8_t* rec = d->rec[number - 1];
     uint32_t rec_id;
-    memcpy(&rec_id, rec, 4);
+    memcpy(&rec_id, rec, sizeof rec_id);
     const auto diff = static_cast<int32_t>(rec_id - id);
     if (diff == 0) return rec;
     if (diff > 0)
@@ -160,7 +161,7 @@ GK_API void* cmf_find_service_by_gid(uint32_t gid) noexcept {
   if (cmdb.services == nullptr) return nullptr;
   return bsearch(&gid, cmdb.services, CMDB_SERVICES, CMDB_SERVICE_SIZE, [](const void* k, const void* rec) {
     uint32_t a = *static_cast<const uint32_t*>(k), b;
-    memcpy(&b, rec, 4);
+    memcpy(&b, rec, sizeof b);
     return a < b ? -1 : a > b ? 1 : 0;
   });
 }
@@ -178,11 +179,11 @@ GK_API int cmf_shm_match_filter(void* table, int pos, const void* filter) noexce
   const char* value = static_cast<const char*>(cmf_get_entry_data(table, static_cast<uint32_t>(pos))) + attr->offset;
   const auto* wanted = reinterpret_cast<const char*>(f->value);
   switch (attr->type) {
-    case 5:
+    case CMDB_TYPE_TEXT:
       return tree::strings_equal(value, wanted, attr->size, false);
-    case 2:
-    case 13:
-      return tree::strings_equal(value, wanted, attr->size, (tnode->flags & 0x10) != 0);
+    case CMDB_TYPE_STRING:
+    case CMDB_TYPE_LIST:
+      return tree::strings_equal(value, wanted, attr->size, (tnode->flags & CMDB_NODE_NOCASE) != 0);
     default:
       return memcmp(value, wanted, attr->size) == 0;
   }

@@ -8,6 +8,7 @@
 
 #include "gikraidrum.h"
 #include "tree/tree_internal.h"
+#include "util/util_internal.h"
 
 namespace tree {
 namespace {
@@ -266,7 +267,8 @@ static_assert(size_table[0].size[3] == 50 && size_table[0].sz_warning[3] == 20 &
 static_assert(size_table[25].tsize[3] == 200 && size_table[25].tsize_extra == 8);
 static_assert(size_table[row_of(711)].tsize[8] == 200 && size_table[row_of(35)].entry_grp == 3);
 
-constexpr int kDefaults[] = {0, 256, 256, 0};  // by kind, for a gid without a row
+constexpr int kDefaults[] = {0, 256, 256, 0};  // by LimitKind, for a gid without a row
+static_assert(kEntryGroup == 0 && kWarningLimit == 3);
 
 const cmdb_size_rec_t* find_row(uint16_t gid) {
   for (const cmdb_size_rec_t& r : size_table)
@@ -276,23 +278,23 @@ const cmdb_size_rec_t* find_row(uint16_t gid) {
 
 }  // namespace
 
-int __cmdb_get_table_size(uint32_t gid, int platform, int kind) {
+int table_size_lookup(uint32_t gid, int platform, int kind) {
   const auto p = static_cast<uint32_t>(platform);
   if (p >= CMDB_PLATFORMS) return -1;
   const cmdb_size_rec_t* r = find_row(static_cast<uint16_t>(gid));
-  if (r == nullptr && kind >= 0 && kind <= 3) return kDefaults[kind];
+  if (r == nullptr && kind >= kEntryGroup && kind <= kWarningLimit) return kDefaults[kind];
   switch (kind) {
-    case 0:
+    case kEntryGroup:
       return r->entry_grp;
-    case 1:
+    case kSizeLimit:
       return static_cast<int>(r->size[p]);
-    case 2:
+    case kTotalLimit:
       // A zero total means "five times the size"; the extra only pads an explicit total.
       return static_cast<int>(r->tsize[p] != 0 ? r->tsize[p] + r->tsize_extra : 5 * r->size[p]);
-    case 3:
+    case kWarningLimit:
       return static_cast<int>(r->sz_warning[p]);
     default:
-      dbg_cmdb(3, "%s: type error %d\n", "__cmdb_get_table_size", kind);
+      util::log(3, "%s: type error %d\n", "__cmdb_get_table_size", kind);
       return -1;
   }
 }
@@ -302,14 +304,14 @@ int __cmdb_get_table_size(uint32_t gid, int platform, int kind) {
 extern "C" {
 
 GK_API int cmdb_get_table_size(uint32_t gid, int platform) noexcept {
-  return tree::__cmdb_get_table_size(gid, platform, 1);
+  return tree::table_size_lookup(gid, platform, tree::kSizeLimit);
 }
 GK_API int cmdb_get_table_tsize(uint32_t gid, int platform) noexcept {
-  return tree::__cmdb_get_table_size(gid, platform, 2);
+  return tree::table_size_lookup(gid, platform, tree::kTotalLimit);
 }
 GK_API int cmdb_get_table_sz_warning(uint32_t gid, int platform) noexcept {
-  return tree::__cmdb_get_table_size(gid, platform, 3);
+  return tree::table_size_lookup(gid, platform, tree::kWarningLimit);
 }
-GK_API int cmdb_get_table_entry_grp(uint32_t gid) noexcept { return tree::__cmdb_get_table_size(gid, 0, 0); }
+GK_API int cmdb_get_table_entry_grp(uint32_t gid) noexcept { return tree::table_size_lookup(gid, 0, tree::kEntryGroup); }
 
 }  // extern "C"

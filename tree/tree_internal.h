@@ -10,7 +10,7 @@ namespace tree {
 
 // Node of a gid through cmdb_node_index, or null (gid 0, above 1860, no slot,
 // or a record whose own gid differs). Only the low 16 bits of gid count.
-// Gid 1861 has no slot: the index is 1861 words long and is never read past.
+// Gid 1861 has no slot: the index ends before it and is never read past.
 // A record that would reach past the mapping of cmdb_node is no node either.
 const cmdb_node_t* find_node(uint32_t gid);
 
@@ -22,10 +22,11 @@ const cmdb_node_t* node_at(uint32_t offset);
 // little-endian integers of `size` bytes. <0, 0, >0.
 int compare_typed(const void* a, const void* b, int type, int size);
 
-// True for the string types (2, 5 and 13).
-constexpr bool is_string_type(int type) { return type >= 0 && type < 14 && ((0x2024 >> type) & 1) != 0; }
-static_assert(is_string_type(2) && is_string_type(5) && is_string_type(13) && !is_string_type(12) &&
-              !is_string_type(14) && !is_string_type(-1));
+constexpr bool is_string_type(int type) {
+  return type >= 0 && type < 32 && ((CMDB_STRING_TYPES >> type) & 1) != 0;
+}
+static_assert(is_string_type(CMDB_TYPE_STRING) && is_string_type(CMDB_TYPE_TEXT) && is_string_type(CMDB_TYPE_LIST) &&
+              !is_string_type(CMDB_TYPE_REF) && !is_string_type(14) && !is_string_type(-1));
 
 // Descriptor walk. The visitor gets the descriptor, its index among its parent's
 // children, the value it produced for the parent, and a place for this
@@ -43,10 +44,11 @@ int walk_descriptors(cmdb_node_desc_t* desc, DescVisitor visitor, void* ctx);
 size_t mapped_bytes_from(const void* base);
 
 // Table size limits. One lookup over size_table serves the four exported
-// getters; kind 0 entry group, 1 size, 2 total, 3 warning threshold. -1 for a
-// platform index above 29 (as unsigned) or an unknown kind (logged); a gid
-// without a row gets 0, 256, 256, 0. Only the low 16 bits of gid count.
-int __cmdb_get_table_size(uint32_t gid, int platform, int kind);
+// getters. -1 for a platform index above 29 (as unsigned) or an unknown kind
+// (logged); a gid without a row gets 0, 256, 256, 0. Only the low 16 bits of
+// gid count.
+enum LimitKind { kEntryGroup = 0, kSizeLimit = 1, kTotalLimit = 2, kWarningLimit = 3 };
+int table_size_lookup(uint32_t gid, int platform, int kind);
 
 // Appends the limits of table `gid` on `platform` (tcnt 0) to a table-limits
 // block the creating process is filling; 0, or -1 when the block is full (or null).

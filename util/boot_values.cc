@@ -57,6 +57,9 @@ struct ConfBlock {
 static_assert(sizeof(ConfBlock) == 20 && offsetof(ConfBlock, type) == 2 && offsetof(ConfBlock, arg_a) == 8 &&
               offsetof(ConfBlock, arg_b) == 12 && offsetof(ConfBlock, exec) == 16);
 
+// Backup scopes and the two types the non-HA wrappers ask for; the platform knows what they mean.
+enum : uint8_t { kSystemScope = 0, kNonHaScope = 1, kNonHaconfType = 2, kNonHaType = 3 };
+
 int backup(uint8_t scope, uint8_t type, const char* text) {
   ConfBlock block{};
   block.scope = scope;
@@ -75,8 +78,7 @@ extern "C" {
 GK_API void set_init0_mail_mode(uint32_t v) noexcept {
   util::set_field(&cmdb_daemon_status_t::mail_mode, v);
   // orv_mail_mode reads the copy in the debug zone, which needs no mapping.
-  if (nCfg_debug_zone != nullptr)
-    util::store(*reinterpret_cast<uint32_t*>(static_cast<char*>(nCfg_debug_zone) + DZ_MAIL_MODE), v);
+  if (auto* dz = static_cast<cmdb_debug_zone_t*>(nCfg_debug_zone); dz != nullptr) util::store(dz->mail_mode, v);
 }
 GK_API uint32_t get_init0_mail_mode(void) noexcept { return util::get_field(&cmdb_daemon_status_t::mail_mode); }
 
@@ -139,9 +141,13 @@ GK_API const char* orv_opmode_name(int mode) noexcept {
   }
 }
 
-GK_API int cmf_backup_non_haconf_conf(void) noexcept { return util::backup(1, 2, ""); }
-GK_API int cmf_backup_non_ha_conf(void) noexcept { return util::backup(1, 3, ""); }
-GK_API int cmf_backup_system_conf(const char* text, uint8_t type) noexcept { return util::backup(0, type, text); }
+GK_API int cmf_backup_non_haconf_conf(void) noexcept {
+  return util::backup(util::kNonHaScope, util::kNonHaconfType, "");
+}
+GK_API int cmf_backup_non_ha_conf(void) noexcept { return util::backup(util::kNonHaScope, util::kNonHaType, ""); }
+GK_API int cmf_backup_system_conf(const char* text, uint8_t type) noexcept {
+  return util::backup(util::kSystemScope, type, text);
+}
 
 GK_API int cmf_ha_exec_conf(void* value, uint32_t a, uint32_t b) noexcept {
   util::ConfBlock block{};

@@ -24,15 +24,15 @@ constexpr int kFormatStillLong = -3;
 constexpr int kNoTemporary = -6;
 constexpr int kCodecFailed = -152;
 
-// Reallocates `data` to `bytes`, leaving the record untouched on failure. A
+// Reallocates `data` to `bytes`: 0, or ENOMEM with the record untouched. A
 // request beyond the 32-bit size field fails like an exhausted heap.
-bool resize(cmf_buf_t* b, uint64_t bytes) {
-  if (bytes > UINT32_MAX) return false;
+int resize(cmf_buf_t* b, uint64_t bytes) {
+  if (bytes > UINT32_MAX) return ENOMEM;
   void* p = g_buf_heap.resize(b->data, static_cast<size_t>(bytes));
-  if (p == nullptr) return false;
+  if (p == nullptr) return ENOMEM;
   b->data = static_cast<char*>(p);
   b->size = static_cast<uint32_t>(bytes);
-  return true;
+  return 0;
 }
 
 // Appends n bytes (or reserves them when src is null) after the growth rule.
@@ -48,9 +48,9 @@ int append(cmf_buf_t* b, const void* src, int n) {
     // A source inside our own block would dangle once it moves.
     const bool inside = s != nullptr && b->data != nullptr && s >= b->data && s < b->data + b->size;
     const ptrdiff_t at = inside ? s - b->data : 0;
-    if (!resize(b, uint64_t{b->len} + static_cast<uint64_t>(n) + kGrowthSlack)) {
-      dbg_cmdb(3, "%s:%d, realloc error. %d,%d,%d\n", "cmf_util", 589, static_cast<int>(b->size),
-               static_cast<int>(b->len), n);
+    if (resize(b, uint64_t{b->len} + static_cast<uint64_t>(n) + kGrowthSlack) != 0) {
+      util::log(3, "%s:%d, realloc error. %d,%d,%d\n", site::kBufAppend.source, site::kBufAppend.line,
+                static_cast<int>(b->size), static_cast<int>(b->len), n);
       return kGrowFailed;
     }
     if (inside) s = b->data + at;
@@ -97,9 +97,9 @@ GK_API int cmf_buf_free(cmf_buf_t* b) noexcept {
 
 GK_API int cmf_buf_cat(cmf_buf_t* b, int c) noexcept {
   if (b == nullptr) return 0;
-  if (b->size <= uint64_t{b->len} + 1 && !util::resize(b, uint64_t{b->len} + util::kGrowthSlack)) {
-    dbg_cmdb(3, "%s:%d, realloc error. %d,%d\n", "cmf_util", 614, static_cast<int>(b->size),
-             static_cast<int>(b->len));
+  if (b->size <= uint64_t{b->len} + 1 && util::resize(b, uint64_t{b->len} + util::kGrowthSlack) != 0) {
+    util::log(3, "%s:%d, realloc error. %d,%d\n", util::site::kBufCat.source, util::site::kBufCat.line,
+              static_cast<int>(b->size), static_cast<int>(b->len));
     return util::kGrowFailed;
   }
   b->last = b->data + b->len;
@@ -132,12 +132,13 @@ GK_API int cmf_buf_vsnprintf(cmf_buf_t* b, const char* fmt, va_list ap) noexcept
     return 0;
   }
 
-  dbg_cmdb(5, "cmf_buf overflow %d, %d, %d, realloc memory\n", r, static_cast<int>(b->size),
-           static_cast<int>(b->len));
+  util::log(5, "cmf_buf overflow %d, %d, %d, realloc memory\n", r, static_cast<int>(b->size),
+            static_cast<int>(b->len));
   // A negative r is an output error (say, an unconvertible wide character), not
   // a length: growing by it as unsigned would ask for gigabytes.
   if (r < 0 || util::append(b, nullptr, r) < 0) {
-    dbg_cmdb(3, "%s:%d, calloc error. %d,%d\n", "cmf_util", 777, static_cast<int>(b->size), r);
+    util::log(3, "%s:%d, calloc error. %d,%d\n", util::site::kBufFormatGrow.source,
+              util::site::kBufFormatGrow.line, static_cast<int>(b->size), r);
     b->data[b->len] = '\0';  // undo whatever the failed attempt wrote
     return util::kFormatNoRoom;
   }
@@ -149,8 +150,8 @@ GK_API int cmf_buf_vsnprintf(cmf_buf_t* b, const char* fmt, va_list ap) noexcept
     b->len += static_cast<uint32_t>(r2);
     return 1;
   }
-  dbg_cmdb(3, "%s:%d, cmf_buf error. %d,%d,%d\n", "cmf_util", 785, static_cast<int>(b->size),
-           static_cast<int>(b->len), r2);
+  util::log(3, "%s:%d, cmf_buf error. %d,%d,%d\n", util::site::kBufFormatLong.source,
+            util::site::kBufFormatLong.line, static_cast<int>(b->size), static_cast<int>(b->len), r2);
   b->data[b->len] = '\0';
   return util::kFormatStillLong;
 }

@@ -49,13 +49,13 @@ GK_PLATFORM uint32_t cmf_get_cur_domain_id(void) noexcept { return t_cur_domain;
 GK_PLATFORM void cmf_set_cur_domain_id(uint32_t id) noexcept { t_cur_domain = id; }
 
 GK_PLATFORM int cmf_do_backup_conf(uintptr_t, const char*, const void*) noexcept {
-  dbg_cmdb(3, "%s: configuration backup is not supported by this host\n", "cmf_do_backup_conf");
+  util::log(3, "%s: configuration backup is not supported by this host\n", "cmf_do_backup_conf");
   errno = ENOTSUP;
   return -ENOTSUP;
 }
 
 GK_PLATFORM int cmf_do_exec_conf(uintptr_t, const void*) noexcept {
-  dbg_cmdb(3, "%s: configuration execution is not supported by this host\n", "cmf_do_exec_conf");
+  util::log(3, "%s: configuration execution is not supported by this host\n", "cmf_do_exec_conf");
   errno = ENOTSUP;
   return -ENOTSUP;
 }
