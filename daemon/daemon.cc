@@ -1,0 +1,504 @@
+// Start-up, the batch of requests, and recovery. The store is the truth: the
+// region holds the store's last revision, and after any ending of cmdbd (or a
+// direct write, which is not saved) the next start brings it back there.
+#include "daemon/daemon.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <set>
+
+#include "daemon/config_doc.h"
+#include "daemon/log.h"
+#include "daemon/region.h"
+#include "tools/common/sha256.h"
+
+namespace cmdbd {
+
+struct Daemon::Pending {
+  Request req;
+  Json::Value id;
+  Json::Value operations;
+  std::string comment;
+  Json::Value changes{Json::arrayValue};
+};
+
+namespace {
+
+int read_text(const std::string& path, std::string* text, std::string* error) {
+  int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
+    *error = path + ": " + strerror(errno);
+    return -1;
+  }
+  char buf[65536];
+  ssize_t n;
+  while ((n = ::read(fd, buf, sizeof buf)) > 0 || (n < 0 && errno == EINTR))
+    if (n > 0) text->append(buf, static_cast<size_t>(n));
+  int err = errno;
+  ::close(fd);
+  if (n < 0) {
+    *error = path + ": " + strerror(err);
+    return -1;
+  }
+  return 0;
+}
+
+int make_dir(const std::string& path, mode_t mode, std::string* error) {
+  if (::mkdir(path.c_str(), mode) == 0 || errno == EEXIST) return 0;
+  *error = "creating " + path + ": " + strerror(errno);
+  return -1;
+}
+
+std::string comm_of(pid_t pid) {
+  std::string text, ignored;
+  if (read_text("/proc/" + std::to_string(pid) + "/comm", &text, &ignored) != 0) return "";
+  while (!text.empty() && text.back() == '\n') text.pop_back();
+  return text;
+}
+
+// Operations that take the region's configuration to `target`: domains that
+// the target lacks (by name and id) go first, then one load makes every
+// context equal to the target's.
+Json::Value operations_towards(const Json::Value& current, const Json::Value& target) {
+  Json::Value ops(Json::arrayValue);
+  std::set<std::pair<std::string, Json::UInt64>> wanted;
+  for (const Json::Value& d : target["domains"]) wanted.insert({d["name"].asString(), d["id"].asUInt64()});
+  for (const Json::Value& d : current["domains"]) {
+    if (wanted.count({d["name"].asString(), d["id"].asUInt64()}) != 0) continue;
+    Json::Value op(Json::objectValue);
+    op["op"] = "domain-remove";
+    op["name"] = d["name"];
+    ops.append(std::move(op));
+  }
+  Json::Value load(Json::objectValue);
+  load["op"] = "load";
+  load["config"] = target;
+  load["merge"] = false;
+  ops.append(std::move(load));
+  return ops;
+}
+
+Json::Value refusal(const std::string& text) {
+  Json::Value a(Json::objectValue);
+  a["ok"] = false;
+  a["error"] = text;
+  return a;
+}
+
+}  // namespace
+
+std::string command_of(pid_t pid) {
+  std::string text, ignored;
+  if (pid <= 0 || read_text("/proc/" + std::to_string(pid) + "/cmdline", &text, &ignored) != 0) return "";
+  if (text.size() > 1024) text.resize(1024);
+  while (!text.empty() && text.back() == '\0') text.pop_back();
+  std::replace(text.begin(), text.end(), '\0', ' ');
+  return text;
+}
+
+Daemon::~Daemon() {
+  server_.close();
+  if (attached_) cleanup_cmdb_app_core();
+}
+
+int Daemon::take_owner_lock(std::string* error) {
+  int r = engine_->acquire_owner_lock(o_.restricted ? static_cast<int64_t>(o_.write_gid) : -1, error);
+  if (r > 0) {
+    std::string who = comm_of(r);
+    *error = "the owner lock " CMDB_DIR "owner.lock is held by pid " + std::to_string(r) +
+             (who.empty() ? "" : " (" + who + ")") + ": another cmdbd, or a cmdbctl writing directly";
+    return -1;
+  }
+  return r;
+}
+
+int Daemon::open_region(bool* created, std::string* error) {
+  *created = false;
+  if (ensure_daemon_status(error) != 0) return -1;
+  if (!region_exists()) {
+    std::string summary;
+    if (create_region(schema_, schema_text_, o_.platform, o_.restricted, o_.write_gid, &summary, error) != 0)
+      return -1;
+    *created = true;
+    log(kNotice, "created the region in " CMDB_DIR " from %s: %s", o_.schema.c_str(), summary.c_str());
+  }
+  return attach_owner(error) == 0 ? (attached_ = true, 0) : -1;
+}
+
+int Daemon::open_store(bool created, std::string* error) {
+  store_ = Store::open(o_.state_dir, error);
+  if (store_ == nullptr) return -1;
+  store_->set_keep(o_.keep);
+  if (store_->initialised()) {
+    Json::Value target;
+    return restore(*engine_, &target, error) == 0 ? reconcile(target, error) : -1;
+  }
+  // A first start: the store begins with what the region holds.
+  pid_t dead = 0;
+  if (engine_->begin(&dead, error) != 0) return -1;
+  std::vector<std::string> faults = created ? std::vector<std::string>() : engine_->verify();
+  if (!faults.empty()) {
+    engine_->rollback();
+    *error = "the region in " CMDB_DIR " fails verification (" + faults[0] +
+             ") and there is no store to rebuild it from: remove it (cmdbctl destroy) and start again";
+    return -1;
+  }
+  std::string config = to_text(engine_->dump(true));
+  if (store_->initialise(schema_hash_, schema_text_, config, error) != 0) {
+    engine_->rollback();
+    return -1;
+  }
+  log(kNotice, "started the store %s with the region's configuration as revision 0", store_->path().c_str());
+  cmdb.header->ext_flags |= CMDB_EXT_MANAGED;
+  cmdb.header->revision = 0;
+  return engine_->commit(error);
+}
+
+int Daemon::restore(const Engine& engine, Json::Value* config, std::string* error) {
+  std::string snapshot;
+  uint64_t snap_rev = 0;
+  std::vector<std::string> after;
+  if (store_->latest(&snapshot, &snap_rev, &after, error) != 0) return -1;
+  if (!from_text(snapshot, config, error)) {
+    *error = store_->path() + ": snapshot " + std::to_string(snap_rev) + ": " + *error;
+    return -1;
+  }
+  records_since_snapshot_ = 0;
+  for (size_t i = 0; i < after.size(); ++i) {
+    Json::Value changes;
+    if (!from_text(after[i], &changes, error) || !replay(engine, changes, config, error)) {
+      *error = store_->path() + ": revision " + std::to_string(snap_rev + 1 + i) + ": " + *error;
+      return -1;
+    }
+    records_since_snapshot_ += changes.size();
+  }
+  return 0;
+}
+
+int Daemon::reconcile(const Json::Value& target, std::string* error) {
+  pid_t dead = 0;
+  bool rebuilt = false;
+  if (engine_->begin(&dead, error) != 0) {
+    log(kWarning, "the region cannot be written (%s): rebuilding it", error->c_str());
+    if (engine_->reset(error) != 0) return -1;
+    rebuilt = true;
+  }
+  if (dead != 0) log(kWarning, "took back the change a writer (pid %d) left unfinished", dead);
+  std::vector<std::string> faults = rebuilt ? std::vector<std::string>() : engine_->verify();
+  if (!faults.empty()) {
+    for (size_t i = 0; i < faults.size() && i < 20; ++i) log(kWarning, "region fault: %s", faults[i].c_str());
+    log(kWarning, "the region fails verification: rebuilding it");
+    if (engine_->reset(error) != 0) return -1;
+    rebuilt = true;
+  }
+  for (;;) {
+    Json::Value current = engine_->dump(true);
+    if (same_config(current, target)) break;
+    log(kDebug, "the region holds %s", to_text(current).c_str());
+    log(kDebug, "revision %llu holds %s", static_cast<unsigned long long>(store_->last_revision()),
+        to_text(target).c_str());
+    Json::Value changes(Json::arrayValue);
+    ApplyFailure f;
+    if (engine_->apply(operations_towards(current, target), &changes, &f)) {
+      log(kNotice, "brought the region back to revision %llu: %u changes",
+          static_cast<unsigned long long>(store_->last_revision()), changes.size());
+      break;
+    }
+    log(kWarning, "the region cannot take revision %llu (%s%s%s)%s",
+        static_cast<unsigned long long>(store_->last_revision()), f.path.c_str(), f.path.empty() ? "" : ": ",
+        f.reason.c_str(), rebuilt ? "" : ": rebuilding it");
+    if (rebuilt) {
+      *error = "the store's last revision does not fit the region: " + f.reason;
+      if (engine_->aborted().empty()) engine_->rollback();
+      return -1;
+    }
+    if (engine_->reset(error) != 0) return -1;
+    rebuilt = true;
+  }
+  cmdb.header->ext_flags |= CMDB_EXT_MANAGED;
+  cmdb.header->revision = static_cast<uint32_t>(store_->last_revision());
+  if (engine_->commit(error) != 0) return -1;
+  if (rebuilt) {
+    // Daemons that read the region before it was rebuilt re-read it whole.
+    log(kNotice, "rebuilt the region; sending reload events");
+    cmdb_send_reload_event(91);
+    for (uint16_t gid : engine_->element_gids()) cmdb_send_reload_event(gid);
+  }
+  return 0;
+}
+
+int Daemon::migrate(std::string* error) {
+  // The configuration as it stands, read with the schema it was kept in: the
+  // store's, or on a first start the region's own.
+  store_ = Store::open(o_.state_dir, error);
+  if (store_ == nullptr) return -1;
+  store_->set_keep(o_.keep);
+  bool had_store = store_->initialised();
+  std::string old_text;
+  if (had_store ? store_->schema_text(store_->schema_hash(), &old_text, error) != 0
+                : read_text(kSchemaCopy, &old_text, error) != 0)
+    return -1;
+  std::unique_ptr<Engine> old = Engine::open(old_text, had_store ? "the store's schema" : kSchemaCopy, error);
+  if (old == nullptr) return -1;
+  Json::Value source;
+  if (had_store) {
+    if (restore(*old, &source, error) != 0) return -1;
+  } else {
+    if (attach_owner(error) != 0) return -1;
+    source = old->dump(false);
+    cleanup_cmdb_app_core();
+  }
+  std::vector<std::string> dropped;
+  Json::Value carried = engine_->carry_over(source, &dropped);
+  for (const std::string& d : dropped) log(kWarning, "not carried over to the new schema: %s", d.c_str());
+  if (region_exists() && region_schema_hash() != schema_hash_) {
+    // The layout of every node comes from the schema: the region is rebuilt.
+    // Processes still attached keep the old one mapped until they restart.
+    remove_region();
+    log(kNotice, "removed the region built from the previous schema");
+  }
+  bool created = false;
+  if (open_region(&created, error) != 0) return -1;
+
+  pid_t dead = 0;
+  if (engine_->begin(&dead, error) != 0) return -1;
+  Json::Value changes(Json::arrayValue);
+  ApplyFailure f;
+  if (!engine_->apply(operations_towards(engine_->dump(true), carried), &changes, &f)) {
+    engine_->rollback();
+    *error = "cannot carry the configuration over to " + o_.schema + ": " + f.path + (f.path.empty() ? "" : ": ") + f.reason;
+    return -1;
+  }
+  std::string config = to_text(engine_->dump(true));
+  int r;
+  if (!had_store) {
+    r = store_->initialise(schema_hash_, schema_text_, config, error);
+  } else {
+    std::vector<Revision> revs(1);
+    revs[0].uid = ::getuid();
+    revs[0].pid = ::getpid();
+    revs[0].command = command_of(::getpid());
+    revs[0].kind = "migrate";
+    revs[0].comment = "schema " + store_->schema_hash().substr(0, 12) + " -> " + schema_hash_.substr(0, 12);
+    if (!dropped.empty()) revs[0].comment += "; not carried over: " + std::to_string(dropped.size());
+    revs[0].changes = to_text(changes);
+    Extras extras{&config, &schema_hash_, &schema_text_};
+    r = store_->commit(&revs, extras, error);
+  }
+  if (r != 0) {
+    engine_->rollback();
+    return -1;
+  }
+  records_since_snapshot_ = 0;
+  cmdb.header->ext_flags |= CMDB_EXT_MANAGED;
+  cmdb.header->revision = static_cast<uint32_t>(store_->last_revision());
+  log(kNotice, "migrated the configuration to %s: %u changes, %zu items left out", o_.schema.c_str(),
+      changes.size(), dropped.size());
+  return engine_->commit(error);
+}
+
+int Daemon::start(std::string* error) {
+  started_ = iso_time_now();
+  if (read_text(o_.schema, &schema_text_, error) != 0) return -1;
+  if (schema::load_string(schema_text_, o_.schema, &schema_, error) != 0) return -1;
+  schema_hash_ = gk::sha256_hex(schema_text_);
+  engine_ = Engine::open(schema_text_, o_.schema, error);
+  if (engine_ == nullptr) return -1;
+  if (make_dir(o_.state_dir, 0750, error) != 0) return -1;
+  if (size_t slash = o_.socket.rfind('/'); slash != std::string::npos && slash > 0 &&
+                                           make_dir(o_.socket.substr(0, slash), 0755, error) != 0)
+    return -1;
+  if (take_owner_lock(error) != 0) return -1;
+
+  std::string region_hash = region_exists() ? region_schema_hash() : schema_hash_;
+  if (region_hash.empty()) {
+    *error = "the region in " CMDB_DIR " keeps no copy of its schema: cannot tell what built it";
+    return -1;
+  }
+  std::unique_ptr<Store> probe = Store::open(o_.state_dir, error);
+  if (probe == nullptr) return -1;
+  bool store_differs = probe->initialised() && probe->schema_hash() != schema_hash_;
+  probe.reset();
+  if (region_hash != schema_hash_ || store_differs) {
+    if (!o_.migrate) {
+      *error = std::string("the ") + (store_differs ? "store " + o_.state_dir + " keeps" : "region in " CMDB_DIR " holds") +
+               " a configuration of another schema than " + o_.schema +
+               ": start with --migrate to carry it over by name";
+      return -1;
+    }
+    if (migrate(error) != 0) return -1;
+  } else {
+    bool created = false;
+    if (open_region(&created, error) != 0 || open_store(created, error) != 0) return -1;
+  }
+  if (server_.listen(o_.socket, o_.write_gid, error) != 0) return -1;
+  log(kNotice, "ready: revision %llu, schema %.12s, store %s, socket %s",
+      static_cast<unsigned long long>(store_->last_revision()), schema_hash_.c_str(), store_->path().c_str(),
+      o_.socket.c_str());
+  return 0;
+}
+
+bool Daemon::may_write(const Peer& p) const {
+  if (p.uid == 0 || p.gid == o_.write_gid) return true;
+  return std::find(p.groups.begin(), p.groups.end(), o_.write_gid) != p.groups.end();
+}
+
+void Daemon::answer(const Request& r, const Json::Value& id, Json::Value a) {
+  if (!id.isNull()) a["id"] = id;
+  server_.answer(r.conn, to_text(a));
+}
+
+Json::Value Daemon::status() const {
+  Json::Value a(Json::objectValue);
+  a["ok"] = true;
+  a["protocol"] = 1;
+  a["pid"] = static_cast<int>(::getpid());
+  a["ready"] = true;
+  a["revision"] = Json::UInt64(store_->last_revision());
+  a["oldest_revision"] = Json::UInt64(store_->oldest_revision());
+  a["schema_hash"] = schema_hash_;
+  a["schema"] = o_.schema;
+  a["store"] = store_->path();
+  a["socket"] = o_.socket;
+  a["write_gid"] = static_cast<Json::UInt>(o_.write_gid);
+  a["region_version"] = static_cast<Json::UInt>(cmdb.header->version);
+  a["started"] = started_;
+  return a;
+}
+
+void Daemon::handle(std::vector<Request>* batch) {
+  std::vector<Pending> work;
+  for (Request& r : *batch) {
+    Json::Value msg;
+    std::string err;
+    if (!from_text(r.text, &msg, &err) || !msg.isObject()) {
+      answer(r, Json::Value(), refusal("bad request: " + (err.empty() ? "not a JSON object" : err)));
+      continue;
+    }
+    Json::Value id = msg["id"];
+    std::string type = msg["request"].isString() ? msg["request"].asString() : "";
+    if (type == "status") {
+      answer(r, id, status());
+    } else if (type != "commit") {
+      answer(r, id, refusal(type.empty() ? "bad request: no 'request'" : "unknown request '" + type + "'"));
+    } else if (!may_write(r.peer)) {
+      answer(r, id, refusal("permission denied"));
+    } else if (!msg["operations"].isArray() || msg["operations"].empty()) {
+      answer(r, id, refusal("bad request: 'operations' is a non-empty array"));
+    } else if (msg.isMember("comment") && !msg["comment"].isString()) {
+      answer(r, id, refusal("bad request: 'comment' is a string"));
+    } else {
+      Pending p;
+      p.req = std::move(r);
+      p.id = id;
+      p.operations = std::move(msg["operations"]);
+      p.comment = msg["comment"].asString();
+      work.push_back(std::move(p));
+    }
+  }
+  for (size_t i = 0; i < work.size(); i += kMaxBatch) {
+    std::vector<Pending> part(std::make_move_iterator(work.begin() + static_cast<long>(i)),
+                              std::make_move_iterator(work.begin() + static_cast<long>(std::min(work.size(), i + kMaxBatch))));
+    commit_batch(&part);
+  }
+}
+
+void Daemon::commit_batch(std::vector<Pending>* work) {
+  std::string err;
+  pid_t dead = 0;
+  if (engine_->begin(&dead, &err) != 0) {
+    for (Pending& p : *work) answer(p.req, p.id, refusal("cannot change the region: " + err));
+    return;
+  }
+  if (dead != 0) log(kWarning, "took back the change a writer (pid %d) left unfinished", dead);
+  // Each request is all or nothing on its own: apply() rolls back to where it began.
+  std::vector<Pending*> changed;
+  std::vector<Revision> revs;
+  size_t records = 0;
+  for (Pending& p : *work) {
+    ApplyFailure f;
+    if (!engine_->apply(p.operations, &p.changes, &f)) {
+      if (!engine_->aborted().empty()) {
+        // The transaction is gone, and every request of the batch with it.
+        for (Pending& q : *work)
+          if (q.req.conn != 0) answer(q.req, q.id, refusal("nothing changed: " + f.reason));
+        return;
+      }
+      Json::Value a = refusal(f.path.empty() ? f.reason : f.path + ": " + f.reason);
+      if (f.index >= 0) a["index"] = f.index;
+      if (!f.path.empty()) a["path"] = f.path;
+      a["reason"] = f.reason;
+      answer(p.req, p.id, std::move(a));
+      p.req.conn = 0;
+      continue;
+    }
+    if (p.changes.empty()) continue;
+    Revision r;
+    r.uid = p.req.peer.uid;
+    r.pid = p.req.peer.pid;
+    r.command = command_of(p.req.peer.pid);
+    r.comment = p.comment;
+    r.changes = to_text(p.changes);
+    records += p.changes.size();
+    revs.push_back(std::move(r));
+    changed.push_back(&p);
+  }
+  bool saved = true;
+  if (!revs.empty()) {
+    std::string snapshot;
+    Extras extras;
+    if (store_->snapshot_due(revs.size()) || records_since_snapshot_ + records >= kSnapshotRecords) {
+      snapshot = to_text(engine_->dump(true));
+      extras.snapshot = &snapshot;
+    }
+    // WRITE LOCK held across the store's commit: nothing sees the region
+    // change before the change is durable, and a failure rolls it back whole.
+    if (store_->commit(&revs, extras, &err) != 0) {
+      log(kError, "%s", err.c_str());
+      engine_->rollback();
+      saved = false;
+    } else {
+      records_since_snapshot_ = extras.snapshot != nullptr ? 0 : records_since_snapshot_ + records;
+      cmdb.header->revision = static_cast<uint32_t>(store_->last_revision());
+    }
+  }
+  if (saved && engine_->commit(&err) != 0) log(kError, "committing the region: %s", err.c_str());
+  // WRITE UNLOCK; the changes are announced.
+  size_t k = 0;
+  for (Pending& p : *work) {
+    if (p.req.conn == 0) continue;
+    bool has_rev = k < changed.size() && changed[k] == &p;
+    if (has_rev && !saved) {
+      answer(p.req, p.id, refusal("the store could not save the change, so nothing changed: " + err));
+      ++k;
+      continue;
+    }
+    Json::Value a(Json::objectValue);
+    a["ok"] = true;
+    a["revision"] = Json::UInt64(has_rev ? revs[k].rev : store_->last_revision());
+    a["changes"] = p.changes.size();
+    answer(p.req, p.id, std::move(a));
+    if (has_rev) ++k;
+  }
+}
+
+int Daemon::serve(int stop_fd) {
+  for (;;) {
+    std::vector<Request> batch;
+    bool stop = false;
+    server_.poll(-1, stop_fd, &stop, &batch);
+    if (!batch.empty()) handle(&batch);
+    if (stop) break;
+  }
+  log(kNotice, "stopping at revision %llu", static_cast<unsigned long long>(store_->last_revision()));
+  server_.flush(2000);
+  server_.close();
+  return 0;
+}
+
+}  // namespace cmdbd
