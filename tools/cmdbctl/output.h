@@ -6,6 +6,7 @@
 
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <json/json.h>
@@ -25,9 +26,15 @@ class Failure : public std::runtime_error {
 
 [[noreturn]] void fail(const std::string& what);
 
+// JSON text as cmdbctl prints it: `"key": value`, two-space indentation (none
+// when `compact`, for one record per line), strings escaped to stay valid
+// UTF-8. Object members come in jsoncpp's order (by name); views that
+// have an order of their own build a Table or a JsonObject.
+std::string to_json_text(const Json::Value& v, bool compact = false);
+
 // One view: named columns, rows of cells. Text output right-aligns numbers and
-// left-aligns everything else; JSON output is an array of objects whose numeric
-// cells stay numbers.
+// left-aligns everything else; JSON output is an array of objects with the
+// members in column order, whose numeric cells stay numbers.
 class Table {
  public:
   explicit Table(std::vector<std::string> columns) : columns_(std::move(columns)) {}
@@ -35,16 +42,32 @@ class Table {
   void add(std::vector<Json::Value> row);
   size_t rows() const { return rows_.size(); }
   std::string text() const;
-  Json::Value json() const;
+  std::string json_text(bool compact = false) const;
 
  private:
   std::vector<std::string> columns_;
   std::vector<std::vector<Json::Value>> rows_;
 };
 
-std::string to_json_text(const Json::Value& v);
+// A JSON object whose members print in the order they were added.
+class JsonObject {
+ public:
+  JsonObject& add(const std::string& key, const Json::Value& v);
+  JsonObject& add(const std::string& key, const Table& t);
+  JsonObject& add(const std::string& key, const JsonObject& o);
+  std::string text(bool compact = false) const;
+
+ private:
+  struct Member {
+    std::string key, pretty, compact;  // the value's text both ways, pretty at indentation 0
+  };
+  std::vector<Member> members_;
+};
+
 // printf into a std::string.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 std::string hex(const void* data, size_t len);
+// "1 domain", "2 domains": `plural` defaults to `singular` + "s".
+std::string count(uint64_t n, const char* singular, const char* plural = nullptr);
 
 }  // namespace cmdbctl

@@ -9,12 +9,13 @@
 #include <unistd.h>
 
 #include <memory>
+#include <optional>
 
 #include "tools/cmdbctl/commands.h"
-#include "tools/cmdbctl/model.h"
 #include "tools/cmdbctl/output.h"
-#include "tools/cmdbctl/reader.h"
 #include "tools/cmdbctl/region.h"
+#include "writer/model.h"
+#include "writer/reader.h"
 
 namespace cmdbctl {
 namespace {
@@ -24,6 +25,7 @@ struct Receiver {
   const Model* model = nullptr;
   std::string process;
   bool json = false;
+  std::optional<uint32_t> domain;  // print only this context's events
   int handled = 0;
 };
 Receiver g_receiver;
@@ -48,18 +50,18 @@ std::string domain_name(uint32_t id) {
   return n != nullptr ? std::string(n, strnlen(n, 256)) : format("#%u", id);
 }
 
-std::string compact(const Json::Value& v) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, v);
+std::string value_text(const Json::Value& v) { return v.isString() ? v.asString() : to_json_text(v, true); }
+
+// A data part's values in schema order.
+JsonObject fields_object(const Element& e, const uint8_t* data) {
+  JsonObject o;
+  for (const Field& f : e.fields) o.add(f.name, decode_value(f, data));
+  return o;
 }
 
 std::string describe(const Element& e, const uint8_t* data) {
   std::string s;
-  for (const Field& f : e.fields) {
-    Json::Value v = decode_value(f, data);
-    s += (s.empty() ? "" : " ") + f.name + "=" + (v.isString() ? v.asString() : compact(v));
-  }
+  for (const Field& f : e.fields) s += (s.empty() ? "" : " ") + f.name + "=" + value_text(decode_value(f, data));
   return s;
 }
 
@@ -68,14 +70,14 @@ std::string changes(const Element& e, const uint8_t* before, const uint8_t* afte
   for (const Field& f : e.fields) {
     Json::Value a = decode_value(f, before), b = decode_value(f, after);
     if (a == b) continue;
-    auto text = [](const Json::Value& v) { return v.isString() ? v.asString() : compact(v); };
-    s += (s.empty() ? "" : ", ") + f.name + " " + text(a) + " -> " + text(b);
+    s += (s.empty() ? "" : ", ") + f.name + " " + value_text(a) + " -> " + value_text(b);
   }
   return s.empty() ? "no attribute changed" : s;
 }
 
 int on_event(cmdb_event_msg_t* msg) {
   Receiver& r = g_receiver;
+  if (r.domain && msg->domain_id != *r.domain) return 0;
   ++r.handled;
   const Element* e = r.model != nullptr ? r.model->element(msg->gid) : nullptr;
   const auto* d1 = reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(msg->data1));
@@ -84,23 +86,17 @@ int on_event(cmdb_event_msg_t* msg) {
   std::string what = e != nullptr ? e->path : (r.model != nullptr ? r.model->name_of(msg->gid) : format("gid %u", msg->gid));
   std::string dom = domain_name(msg->domain_id);
   if (r.json) {
-    Json::Value v(Json::objectValue);
-    v["process"] = r.process;
-    v["event"] = class_name(msg->act);
-    v["gid"] = msg->gid;
-    v["object"] = what;
-    v["domain"] = dom;
-    if (sized && d1 != nullptr) v["old"] = decode_fields(*e, d1);
-    if (sized && d2 != nullptr) v["new"] = decode_fields(*e, d2);
-    printf("%s\n", compact(v).c_str());
+    JsonObject v;
+    v.add("process", r.process).add("event", class_name(msg->act)).add("gid", msg->gid);
+    v.add("object", what).add("domain", dom);
+    if (sized && d1 != nullptr) v.add("old", fields_object(*e, d1));
+    if (sized && d2 != nullptr) v.add("new", fields_object(*e, d2));
+    printf("%s\n", v.text(true).c_str());
   } else {
     std::string detail;
     const Field* k = e != nullptr ? e->key() : nullptr;
     const uint8_t* any = d2 != nullptr ? d2 : d1;
-    if (sized && k != nullptr && any != nullptr) {
-      Json::Value key = decode_value(*k, any);
-      what.append("[").append(key.isString() ? key.asString() : compact(key)).append("]");
-    }
+    if (sized && k != nullptr && any != nullptr) what.append("[").append(value_text(decode_value(*k, any))).append("]");
     if (!sized || any == nullptr) detail = msg->data_size == 0 ? "(no data)" : format("(%u bytes)", msg->data_size);
     else if (d1 != nullptr && d2 != nullptr) detail = changes(*e, d1, d2);
     else detail = describe(*e, any);
@@ -111,16 +107,8 @@ int on_event(cmdb_event_msg_t* msg) {
   return 0;
 }
 
-}  // namespace
-
-int cmd_watch(const Options& o, const std::vector<std::string>& targets, const std::string& process, bool data,
-              int count) {
-  std::unique_ptr<Model> model;
-  try {
-    model = Model::load(o.schema);
-  } catch (const Failure&) {
-    if (!o.schema.empty()) throw;
-  }
+// Gids of the tables or objects named, by path or number.
+std::vector<uint16_t> resolve_targets(const Model* model, const std::vector<std::string>& targets) {
   std::vector<uint16_t> gids;
   for (const std::string& t : targets) {
     char* end = nullptr;
@@ -138,55 +126,105 @@ int cmd_watch(const Options& o, const std::vector<std::string>& targets, const s
     if (p.field != nullptr || p.steps.back().key) fail(format("watch a table or object, not '%s'", t.c_str()));
     gids.push_back(p.steps.back().element->gid);
   }
-  std::string name = process.empty() ? format("watch%d", static_cast<int>(getpid())) : process;
-  if (name.size() >= sizeof(cmdb_event_proc_t{}.process)) fail(format("process name '%s' is longer than 19 bytes", name.c_str()));
+  return gids;
+}
 
-  // Signals arrive through a descriptor, so the poll loop sees them like data.
-  sigset_t stop;
-  sigemptyset(&stop);
-  sigaddset(&stop, SIGINT);
-  sigaddset(&stop, SIGTERM);
-  if (sigprocmask(SIG_BLOCK, &stop, nullptr) != 0) fail(format("sigprocmask: %s", strerror(errno)));
-  int sfd = signalfd(-1, &stop, SFD_CLOEXEC);
-  if (sfd < 0) fail(format("signalfd: %s", strerror(errno)));
+// SIGINT and SIGTERM arrive through a descriptor, so the poll loop sees them like data.
+class StopSignals {
+ public:
+  StopSignals() {
+    sigset_t stop;
+    sigemptyset(&stop);
+    sigaddset(&stop, SIGINT);
+    sigaddset(&stop, SIGTERM);
+    if (sigprocmask(SIG_BLOCK, &stop, nullptr) != 0) fail(format("sigprocmask: %s", strerror(errno)));
+    fd_ = signalfd(-1, &stop, SFD_CLOEXEC);
+    if (fd_ < 0) fail(format("signalfd: %s", strerror(errno)));
+  }
+  ~StopSignals() { ::close(fd_); }
+  StopSignals(const StopSignals&) = delete;
+  StopSignals& operator=(const StopSignals&) = delete;
+  int fd() const { return fd_; }
 
-  Attachment a(Mode::kReader);
-  g_receiver = Receiver{model.get(), name, o.json, 0};
-  int fd = cmdb_event_init(name.c_str(), 1);
-  if (fd < 0) {
-    ::close(sfd);
-    fail(format("cannot open the event socket of '%s' (cmdb_event_init returned %d)", name.c_str(), fd));
+ private:
+  int fd_;
+};
+
+// The event socket and the registrations, for the life of the object. Leaving
+// takes the registrations out of the table and removes the socket, which the
+// library leaves behind.
+class Registrations {
+ public:
+  Registrations(const std::string& process, const std::vector<uint16_t>& gids, bool data) : process_(process) {
+    fd_ = cmdb_event_init(process.c_str(), 1);
+    if (fd_ < 0)
+      fail(format("cannot open the event socket of '%s' (cmdb_event_init returned %d)", process.c_str(), fd_));
+    for (uint16_t g : gids)
+      if (int r = register_cmdb_event(g, 0x7F, data ? EVENT_WITH_DATA : 0, on_event); r != 0) {
+        leave();
+        fail(format("cannot register '%s' for gid %u (register_cmdb_event returned %d)", process.c_str(), g, r));
+      }
   }
-  for (uint16_t g : gids) {
-    if (int r = register_cmdb_event(g, 0x7F, data ? EVENT_WITH_DATA : 0, on_event); r != 0) {
-      cmdb_event_cleanup();
-      ::close(sfd);
-      fail(format("cannot register '%s' for gid %u (register_cmdb_event returned %d)", name.c_str(), g, r));
-    }
+  ~Registrations() { leave(); }
+  Registrations(const Registrations&) = delete;
+  Registrations& operator=(const Registrations&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  void leave() {
+    cmdb_event_cleanup();
+    ::unlink(("/tmp/EVENT_D_" + process_.substr(0, 16)).c_str());
   }
-  if (!o.json) {
-    std::string list;
-    for (uint16_t g : gids) list += (list.empty() ? "" : ", ") + (model != nullptr ? model->name_of(g) : format("gid %u", g));
-    printf("[%s] watching %s\n", name.c_str(), list.c_str());
-    fflush(stdout);
-  }
-  int status = 0;
+  std::string process_;
+  int fd_;
+};
+
+// Handles events until a stop signal or `count` of them; returns the exit status.
+int poll_events(int events_fd, int stop_fd, int count) {
   for (;;) {
-    if (count > 0 && g_receiver.handled >= count) break;
-    pollfd fds[2] = {{fd, POLLIN, 0}, {sfd, POLLIN, 0}};
+    if (count > 0 && g_receiver.handled >= count) return 0;
+    pollfd fds[2] = {{events_fd, POLLIN, 0}, {stop_fd, POLLIN, 0}};
     int n = ::poll(fds, 2, -1);
     if (n < 0 && errno == EINTR) continue;
     if (n < 0) {
       fprintf(stderr, "cmdbctl: poll: %s\n", strerror(errno));
-      status = 1;
-      break;
+      return 1;
     }
-    if (fds[1].revents & POLLIN) break;
+    if (fds[1].revents & POLLIN) return 0;
     if (fds[0].revents & POLLIN) do_cmdb_event_handling();
   }
-  cmdb_event_cleanup();
-  ::close(sfd);
-  return status;
+}
+
+}  // namespace
+
+int cmd_watch(const Options& o, const WatchArgs& w) {
+  std::unique_ptr<Model> model;
+  try {
+    model = Model::load(o.schema);
+  } catch (const config::Error&) {
+    if (!o.schema.empty()) throw;
+  }
+  std::vector<uint16_t> gids = resolve_targets(model.get(), w.targets);
+  std::string name = w.process.empty() ? format("watch%d", static_cast<int>(getpid())) : w.process;
+  if (name.size() >= sizeof(cmdb_event_proc_t{}.process))
+    fail(format("process name '%s' is longer than 19 bytes", name.c_str()));
+
+  StopSignals stop;
+  Attachment a(Mode::kReader);
+  g_receiver = Receiver{model.get(), name, o.json, std::nullopt, 0};
+  if (!w.domain.empty()) {
+    ReadLock lock;
+    g_receiver.domain = domain_id(w.domain);
+  }
+  Registrations regs(name, gids, w.data);
+  if (!o.json) {
+    std::string list;
+    for (uint16_t g : gids) list += (list.empty() ? "" : ", ") + (model != nullptr ? model->name_of(g) : format("gid %u", g));
+    printf("[%s] watching %s%s\n", name.c_str(), list.c_str(),
+           w.domain.empty() ? "" : (" in " + domain_name(*g_receiver.domain)).c_str());
+    fflush(stdout);
+  }
+  return poll_events(regs.fd(), stop.fd(), w.count);
 }
 
 }  // namespace cmdbctl

@@ -47,7 +47,34 @@ struct Node {
   std::vector<Node*> children;
   uint32_t default_gid = 0;
   int walk_pos = -1;  // position in the builder's walk; -1: below a kind-10 node, no record
+  bool size_given = false, offset_given = false;  // else the layout computes them
 };
+
+// Named kinds, types and scopes a schema file may use instead of numbers.
+struct TypeName {
+  const char* name;
+  uint8_t type;
+  uint16_t size;  // 0: the file gives it
+};
+inline constexpr TypeName kTypeNames[] = {
+    {"u8", 1, 1},     {"u16", 1, 2},  {"u32", 1, 4},  {"u64", 1, 8},  {"bool", 3, 1},  {"string", 2, 0},
+    {"text", 5, 0},   {"ipv4", 4, 4}, {"mac", 6, 6},  {"ref", 12, 4}, {"list", 13, 0}, {"bytes", 0, 0},
+};
+struct KindName {
+  const char* name;
+  uint8_t kind;
+};
+inline constexpr KindName kKindNames[] = {
+    {"table", 2},      {"nested_table", 3}, {"object", 4}, {"attribute", 5},
+    {"list", 6},       {"data_block", 8},   {"opaque", 10},
+};
+
+// Natural alignment of a value: strings and odd-sized values are bytes; an
+// integer of 1, 2, 4 or 8 bytes aligns to its size.
+inline size_t natural_alignment(int type, size_t size) {
+  if (type == 2 || type == 5 || type == 13) return 1;
+  return size == 1 || size == 2 || size == 4 || size == 8 ? size : 1;
+}
 
 // A member of a JSON object, or null.
 inline const Json::Value* member(const Json::Value& obj, std::string_view key) {
@@ -94,6 +121,7 @@ class Loader {
   int fail(const Json::Value& at, std::string_view field, const std::string& message);
   int fail_syntax(const std::string& reader_errors);
   int line_of(const Json::Value& v) const;
+  int column_of(const Json::Value& v) const;
 
   int parse(Json::Value* root);
   int load_top(const Json::Value& root);
@@ -105,6 +133,9 @@ class Loader {
   int check_fields(const Json::Value& obj, std::string_view prefix,
                    std::initializer_list<std::string_view> known);
   int read_uint(const Json::Value& obj, const char* key, std::string_view field, uint64_t max, uint64_t* out);
+  int read_kind(const Json::Value& node, uint64_t* kind);
+  int read_type(const Json::Value& node, uint64_t* type, uint64_t* size);
+  int read_scope(const Json::Value& node, uint64_t* scope);
   int read_string(const Json::Value& obj, const char* key, std::string_view field, size_t max_len,
                   std::optional<std::string>* out);
 
@@ -114,6 +145,9 @@ class Loader {
                 size_t block_size);
   int put_hex(const Json::Value& v, std::string_view field, uint8_t* at, size_t room);
   void data_members(const Node* n, std::vector<const Node*>* out) const;
+
+  // layout.cc
+  int assign_layout(Node* n);
 
   // tree_checks.cc
   int walk_and_count();

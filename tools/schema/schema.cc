@@ -40,4 +40,16 @@ cmdb_node_desc_t* Schema::find(uint32_t gid) const {
 
 size_t Schema::node_count() const { return impl_ ? impl_->descs.size() : 0; }
 
+std::string kind_name(int kind) {
+  for (const KindName& k : kKindNames)
+    if (k.kind == kind) return k.name;
+  return std::to_string(kind);
+}
+
+std::string type_name(int type, uint16_t size) {
+  for (const TypeName& t : kTypeNames)
+    if (t.type == type && (t.size == 0 || t.size == size)) return t.name;
+  return std::to_string(type);
+}
+
 }  // namespace schema

@@ -64,10 +64,17 @@ int Loader::line_of(const Json::Value& v) const {
   return static_cast<int>(it - line_starts_.begin());
 }
 
+// Columns count bytes from 1, as the JSON reader's own messages do.
+int Loader::column_of(const Json::Value& v) const {
+  int line = line_of(v);
+  if (line == 0) return 0;
+  return static_cast<int>(static_cast<size_t>(v.getOffsetStart()) - line_starts_[static_cast<size_t>(line - 1)]) + 1;
+}
+
 int Loader::fail(const Json::Value& at, std::string_view field, const std::string& message) {
   if (error_.empty()) {
     std::ostringstream s;
-    s << file_ << ':' << line_of(at) << ": ";
+    s << file_ << ':' << line_of(at) << ':' << column_of(at) << ": ";
     if (!field.empty()) s << "field '" << field << "': ";
     s << message;
     error_ = s.str();
@@ -76,17 +83,17 @@ int Loader::fail(const Json::Value& at, std::string_view field, const std::strin
 }
 
 // The reader reports "* Line N, Column M\n  message\n..."; keep the first
-// error's line and message.
+// error's place and message.
 int Loader::fail_syntax(const std::string& reader_errors) {
-  int line = 0;
+  int line = 0, column = 0;
   std::string message = reader_errors;
-  if (sscanf(reader_errors.c_str(), "* Line %d", &line) == 1) {
+  if (sscanf(reader_errors.c_str(), "* Line %d, Column %d", &line, &column) >= 1) {
     size_t nl = reader_errors.find('\n');
     size_t end = reader_errors.find('\n', nl + 1);
     message = reader_errors.substr(nl + 1, end == std::string::npos ? std::string::npos : end - nl - 1);
     message.erase(0, message.find_first_not_of(' '));
   }
-  error_ = file_ + ':' + std::to_string(line) + ": bad JSON: " + message;
+  error_ = file_ + ':' + std::to_string(line) + ':' + std::to_string(column) + ": bad JSON: " + message;
   return EINVAL;
 }
 
@@ -123,6 +130,64 @@ int Loader::read_uint(const Json::Value& obj, const char* key, std::string_view 
   if (v->isInt64() && v->asInt64() < 0) return fail(*v, field, "must not be negative");
   if (v->asUInt64() > max) return fail(*v, field, v->asString() + " is above " + std::to_string(max));
   *out = v->asUInt64();
+  return 0;
+}
+
+int Loader::read_kind(const Json::Value& node, uint64_t* kind) {
+  const Json::Value* v = member(node, "kind");
+  if (v == nullptr || !v->isString()) return read_uint(node, "kind", "kind", 15, kind);
+  for (const KindName& k : kKindNames)
+    if (v->asString() == k.name) {
+      *kind = k.kind;
+      return 0;
+    }
+  std::string names;
+  for (const KindName& k : kKindNames) names += std::string(k.name) + ", ";
+  return fail(*v, "kind", quoted(v->asString()) + " is not a kind: " + names + "or a number 0-15");
+}
+
+// A named type also fixes the size, or asks the file for it.
+int Loader::read_type(const Json::Value& node, uint64_t* type, uint64_t* size) {
+  const Json::Value* v = member(node, "type");
+  if (v == nullptr || !v->isString()) return read_uint(node, "type", "type", 15, type);
+  for (const TypeName& t : kTypeNames) {
+    if (v->asString() != t.name) continue;
+    *type = t.type;
+    const Json::Value* given = member(node, "size");
+    if (t.size != 0 && given != nullptr && *size != t.size)
+      return fail(*given, "size", quoted(t.name) + " is " + std::to_string(t.size) + " bytes, not " +
+                                      std::to_string(*size));
+    if (t.size == 0 && given == nullptr) return fail(node, "size", "a " + quoted(t.name) + " value needs its size");
+    if (t.size != 0) *size = t.size;
+    return 0;
+  }
+  std::string names;
+  for (const TypeName& t : kTypeNames) names += std::string(t.name) + ", ";
+  return fail(*v, "type", quoted(v->asString()) + " is not a type: " + names + "or a number 0-15");
+}
+
+// "global", "domain" or both in an array: bit 1 is per domain, bit 0 with it
+// also in the global context.
+int Loader::read_scope(const Json::Value& node, uint64_t* scope) {
+  const Json::Value* v = member(node, "scope");
+  if (v == nullptr || (!v->isString() && !v->isArray())) return read_uint(node, "scope", "scope", 3, scope);
+  std::vector<const Json::Value*> names;
+  if (v->isArray())
+    for (const Json::Value& s : *v) names.push_back(&s);
+  else
+    names.push_back(v);
+  if (names.empty()) return fail(*v, "scope", "name 'global', 'domain' or both");
+  bool global = false, domain = false;
+  for (const Json::Value* s : names) {
+    std::string name = s->isString() ? s->asString() : "";
+    if (name == "global")
+      global = true;
+    else if (name == "domain")
+      domain = true;
+    else
+      return fail(*s, "scope", "a scope is 'global' or 'domain', or a number 0-3");
+  }
+  *scope = domain ? (global ? 3 : 2) : 0;
   return 0;
 }
 
@@ -214,12 +279,14 @@ int Loader::load_node(const Json::Value& v, std::string_view container, Node* pa
   impl_->by_gid[gid] = d;
   d->gid = static_cast<uint32_t>(gid);
 
-  if (int err = read_uint(v, "kind", "kind", 15, &kind); err != 0) return err;
+  if (int err = read_kind(v, &kind); err != 0) return err;
   if (kind == UINT64_MAX) return fail(v, "kind", "missing");
-  if (int err = read_uint(v, "type", "type", 15, &type); err != 0) return err;
-  if (int err = read_uint(v, "scope", "scope", 3, &scope); err != 0) return err;
   if (int err = read_uint(v, "size", "size", 0xFFFF, &size); err != 0) return err;
+  if (int err = read_type(v, &type, &size); err != 0) return err;
+  if (int err = read_scope(v, &scope); err != 0) return err;
   if (int err = read_uint(v, "offset", "offset", 0xFFFF, &offset); err != 0) return err;
+  n->size_given = v.isMember("size");
+  n->offset_given = v.isMember("offset");
   d->kind = static_cast<uint8_t>(kind);
   d->type_scope = static_cast<uint8_t>(type | scope << 4);
   d->size = static_cast<uint16_t>(size);
@@ -257,6 +324,7 @@ int Loader::load_node(const Json::Value& v, std::string_view container, Node* pa
     if (entry->size == 0)
       return fail(*n->children.front()->json, "size", "the entry node's key needs a size");
   }
+  if (int err = assign_layout(n); err != 0) return err;
   if (int err = load_defaults(n); err != 0) return err;
   *out = n;
   return 0;

@@ -58,9 +58,14 @@ class Schema {
   std::unique_ptr<Impl> impl_;
 };
 
+// The names a schema file may use for a kind ("table") and for a type of a
+// given size ("u16"); the number as text when none fits.
+std::string kind_name(int kind);
+std::string type_name(int type, uint16_t size);
+
 // Loads a schema from the JSON text `text`; `file_name` only names it in messages.
 // Returns 0 and replaces *out, or EINVAL with *error set to
-// "FILE:LINE: field 'X': message" (or "FILE:LINE: message" for JSON syntax)
+// "FILE:LINE:COLUMN: field 'X': message" (or "FILE:LINE:COLUMN: bad JSON: message")
 // and *out left as it was.
 int load_string(std::string_view text, std::string_view file_name, Schema* out, std::string* error);
 
