@@ -22,11 +22,11 @@ class AllocRegion {
   // Creates the two files (replacing any) and attaches as the owner: both
   // mapped read-write, owner bit set, a page map built from the table.
   AllocRegion() {
-    unsigned char page_image[alloc::kPageTableImageSize];
-    alloc::write_page_table_image(page_image);
+    alignas(cmdb_page_table_t) unsigned char page_image[alloc::kPageTableImageSize];
+    alloc::write_page_table_image(reinterpret_cast<cmdb_page_table_t*>(page_image));
     unsigned char* global = static_cast<unsigned char*>(calloc(1, kCmdbGlobalSize));
     if (global == nullptr) abort();
-    alloc::write_cache_table_image(global);
+    alloc::write_cache_table_image(reinterpret_cast<cmdb_slab_cache_table_t*>(global));
     write_file("/dev/cmdb/page", page_image, sizeof page_image);
     write_file("/dev/cmdb/cmdb_global", global, kCmdbGlobalSize);
     free(global);
@@ -36,14 +36,9 @@ class AllocRegion {
   AllocRegion(const AllocRegion&) = delete;
   AllocRegion& operator=(const AllocRegion&) = delete;
 
-  // For a forked child: drops what it inherited and attaches as a reader does
-  // (mode 1): "page" and "cmdb_global" read-only, no owner bit, its own page map.
-  static bool attach_reader() {
-    detach();
-    return attach(false);
-  }
-
-  // Maps both files again at their current lengths, with a fresh page map.
+  // Maps both files again at their current lengths, with a fresh page map; a
+  // forked child that is not the owner attaches as a reader does (mode 1):
+  // "page" and "cmdb_global" read-only, no owner bit.
   static bool reattach(bool owner) {
     detach();
     return attach(owner);

@@ -1,7 +1,9 @@
 #!/bin/sh
 # Runs the demo scenario in its own sandbox and checks the lines that show each
-# role at work: creation, the daemons' events with old and new values, reads by
-# key and by domain, and the registration table before and after the daemons.
+# role at work: creation by cmdbd, the daemons' events with old and new values,
+# reads by key and by domain, writes refused while cmdbd is down and the
+# configuration intact after it was killed, the store's revisions, and the
+# registration table before and after the daemons.
 set -u
 cmdbctl=$1
 demo=$2
@@ -19,7 +21,7 @@ while IFS= read -r line; do
     fail=1
   fi
 done <<'LINES'
-total_node=53 <= 1605, 748,492, node_size=2192, sql=85, ds=164, max_gid=1861
+cmdbd: created the region in /dev/cmdb/ from appliance.json: total_node=53 <= 1605, 748,492, node_size=2192, sql=85, ds=164, max_gid=1861
 [firewalld] watching policy, address, policy.rule
 [sysd] watching system, interface
 [firewalld] insert address[dns-servers] in global: name=dns-servers subnet=192.0.2.53 mask=255.255.255.255 comment=shared by all domains
@@ -36,7 +38,13 @@ fw-demo-02
 9000
 10.20.0.0
 allow-web       0        1        10         0  paused for the audit  3 entries
-version      7
+version       8
+cmdbctl: cmdbd is not running: start it, or write with --direct, which is not saved
+set system (revision 8)
+[sysd] update system in global: timezone Europe/Paris -> UTC
+1|0|cmdbctl load examples/demo-config.json|16 changes
+7|0|cmdbctl delete --domain west policy[lab-out]|1 changes
+cmdbd: stopping at revision 8
 events on, 5 objects registered
 events on, 0 objects registered
 LINES

@@ -1,9 +1,11 @@
 #!/bin/sh
 # Installs into a scratch prefix, then builds a C consumer with pkg-config and a
 # CMake consumer with find_package, and runs both against the installed library
-# (through the sandbox launcher when one is given as the fourth argument).
+# (through the sandbox launcher when one is given as the fourth argument); then
+# builds the programs of docs/getting-started.md against the installed writer
+# and schema loader, both ways, and runs the guide's steps with them.
 set -eu
-src=$1 build=$2 cc=$3 run=${4:-}
+src=$1 build=$2 cc=$3 run=${4:-} cxx=${5:-c++}
 tmp=$(mktemp -d "$build/install-check.XXXXXX")  # not /tmp: the sandbox hides it
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
@@ -40,4 +42,41 @@ cp "$tmp/use.c" "$tmp/cm/use.c"
 cmake -S "$tmp/cm" -B "$tmp/cm/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/cm/build" >/dev/null
 LD_LIBRARY_PATH=$libdir $run "$tmp/cm/build/use"
-echo "installed library consumed through pkg-config and find_package"
+
+# The getting-started programs: owner.cc through the writer and the schema loader.
+gs_run() {  # the guide's steps with the programs in $1
+  out=$(LD_LIBRARY_PATH=$libdir $run /bin/sh "$src/examples/getting_started.sh" "$1")
+  printf '%s\n' "$out" | grep -qx "interface 1: eth0" || { printf '%s\n' "$out" >&2; exit 1; }
+}
+mkdir "$tmp/gs"
+# reader.c takes its layout from the header the installed cmdbctl writes.
+LD_LIBRARY_PATH=$libdir "$tmp/prefix/bin/cmdbctl" schema header "$src/examples/appliance.json" \
+  -o "$tmp/gs/appliance_schema.h"
+# shellcheck disable=SC2046
+"$cxx" -std=c++20 $(pkg-config --cflags gikraidrum-writer gikraidrum-schema) "$src/examples/owner.cc" \
+  -o "$tmp/gs/owner" $(pkg-config --libs gikraidrum-writer gikraidrum-schema)
+for prog in reader receiver; do
+  # shellcheck disable=SC2046
+  "$cc" -std=c99 -I"$tmp/gs" $(pkg-config --cflags gikraidrum) "$src/examples/$prog.c" -o "$tmp/gs/$prog" \
+    $(pkg-config --libs gikraidrum)
+done
+gs_run "$tmp/gs"
+mkdir "$tmp/gscm"
+cat >"$tmp/gscm/CMakeLists.txt" <<CM
+cmake_minimum_required(VERSION 3.20)
+project(getting_started C CXX)
+set(CMAKE_CXX_STANDARD 20)
+find_package(gikraidrum REQUIRED)
+add_executable(owner $src/examples/owner.cc)
+target_link_libraries(owner PRIVATE gikraidrum::writer gikraidrum::schema)
+foreach(prog reader receiver)
+  add_executable(\${prog} $src/examples/\${prog}.c)
+  target_link_libraries(\${prog} PRIVATE gikraidrum::gikraidrum)
+  target_include_directories(\${prog} PRIVATE $tmp/gs)
+endforeach()
+CM
+cmake -S "$tmp/gscm" -B "$tmp/gscm/build" -DCMAKE_PREFIX_PATH="$tmp/prefix" -DCMAKE_C_COMPILER="$cc" \
+  -DCMAKE_CXX_COMPILER="$cxx" >/dev/null
+cmake --build "$tmp/gscm/build" >/dev/null
+gs_run "$tmp/gscm/build"
+echo "installed library, writer and schema loader consumed through pkg-config and find_package"

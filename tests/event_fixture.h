@@ -10,8 +10,8 @@
 #include <initializer_list>
 #include <string>
 
-#include "tests/node_fixture.h"
 #include "tests/test_support.h"
+#include "tests/tree_fixture.h"
 
 namespace gk::test {
 
@@ -21,15 +21,12 @@ inline std::string strf(const char* fmt, auto... args) {
   return buf;
 }
 // A log line of this process: the events subsystem starts each with "<pid>:".
-inline std::string pid_line(const char* fmt, auto... args) {
-  return strf("%d:", getpid()) + strf(fmt, args...);
-}
+inline std::string pid_line(const char* fmt, auto... args) { return strf("%d:", getpid()) + strf(fmt, args...); }
 
 class EventRegion {
  public:
-  explicit EventRegion(std::initializer_list<NodeDef> nodes) : nodes_(nodes) {
-    table = static_cast<cmdb_event_table_t*>(map_region_file("cmdb_event", kEventBytes));
-    cmdb.cmdb_event = table;
+  explicit EventRegion(std::initializer_list<NodeSpec> nodes) : nodes_(nodes) {
+    cmdb.cmdb_event = table = static_cast<cmdb_event_table_t*>(map_region_file("cmdb_event", kEventBytes));
     if (cmdb_create_lock() != 0 || cmf_lock_init() != 0) abort();
   }
   ~EventRegion() {
@@ -40,19 +37,15 @@ class EventRegion {
   EventRegion& operator=(const EventRegion&) = delete;
 
   // The events subsystem logs at level 0: a level of 1 lets every line through.
-  static void set_event_log_level(int32_t level) { dz_word<int32_t>(DZ_EVENT_LOG_LEVEL) = level; }
-  static void set_events_switch(uint32_t v) { dz_word<uint32_t>(DZ_EVENT_SWITCH) = v; }
+  void set_event_log_level(int32_t level) { region.dz_word(DZ_EVENT_LOG_LEVEL) = static_cast<uint32_t>(level); }
+  void set_events_switch(uint32_t v) { region.dz_word(DZ_EVENT_SWITCH) = v; }
 
   static constexpr size_t kEventBytes = 49800;
   cmdb_event_table_t* table = nullptr;
   MiniRegion region;
 
  private:
-  template <typename T>
-  static T& dz_word(size_t off) {
-    return *reinterpret_cast<T*>(static_cast<char*>(nCfg_debug_zone) + off);
-  }
-  NodeTable nodes_;
+  NodeSpace nodes_;
 };
 
 }  // namespace gk::test

@@ -12,10 +12,8 @@ SchemaBuilder::~SchemaBuilder() {
 cmdb_node_desc_t* SchemaBuilder::node(const char* name, uint32_t gid, uint8_t kind, uint8_t type_scope,
                                       uint16_t size, uint16_t offset,
                                       const std::vector<cmdb_node_desc_t*>& children) {
-  cmdb_node_desc_t& d = nodes_.emplace_back();
-  memset(&d, 0, sizeof d);
-  d.name = name;
-  d.help = name;
+  cmdb_node_desc_t& d = nodes_.emplace_back();  // value-initialised: all zeros
+  d.name = d.help = name;
   d.gid = gid;
   d.kind = kind;
   d.type_scope = type_scope;

@@ -27,18 +27,6 @@ void append_v(const char* fmt, va_list ap) {
   va_end(copy);
   if (n > 0) g_log.append(buf, static_cast<size_t>(n) < sizeof buf ? static_cast<size_t>(n) : sizeof buf - 1);
 }
-
-void* map_new_file(const char* path, size_t len) {
-  int fd = ::open(path, O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) return nullptr;
-  if (::ftruncate(fd, static_cast<off_t>(len)) != 0) {
-    ::close(fd);
-    return nullptr;
-  }
-  void* p = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  ::close(fd);
-  return p == MAP_FAILED ? nullptr : p;
-}
 }  // namespace
 
 long file_size(const std::string& path) {
@@ -152,8 +140,8 @@ int Holder::reap() {
   return status;
 }
 
-namespace {
-std::string capture_fd(int fd, FILE* stream, const std::function<void()>& fn) {
+std::string capture_output(const std::function<void()>& fn, int fd) {
+  FILE* stream = fd == 1 ? stdout : stderr;
   fflush(stream);
   int p[2];
   if (::pipe(p) != 0) abort();
@@ -166,28 +154,22 @@ std::string capture_fd(int fd, FILE* stream, const std::function<void()>& fn) {
   ::close(saved);
   std::string out;
   char buf[4096];
-  ssize_t n;
-  while ((n = ::read(p[0], buf, sizeof buf)) > 0) out.append(buf, static_cast<size_t>(n));
+  for (ssize_t n; (n = ::read(p[0], buf, sizeof buf)) > 0;) out.append(buf, static_cast<size_t>(n));
   ::close(p[0]);
   return out;
 }
-}  // namespace
-
-std::string capture_stdout(const std::function<void()>& fn) { return capture_fd(1, stdout, fn); }
-std::string capture_stderr(const std::function<void()>& fn) { return capture_fd(2, stderr, fn); }
 
 MiniRegion::MiniRegion() {
-  header_base = map_new_file("/dev/cmdb/cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);
-  debug_zone_len = (16 + 1) * 276 + 300960;
-  debug_zone = map_new_file("/dev/cmdb/debug_zone", debug_zone_len);
-  if (header_base == nullptr || debug_zone == nullptr) abort();
+  header_base = map_region_file("cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);
+  debug_zone_len = (16 + 1) * 276 + DZ_DOMAIN_RECORDS;
+  debug_zone = map_region_file("debug_zone", debug_zone_len);
   auto* h = static_cast<cmdb_header_t*>(header_base);
   h->magic = CMDB_HEADER_MAGIC;
   h->log_level = 3;
   h->nodes = 1603;
   h->max_gid = CMDB_MAX_GID;
   h->sql = 85;
-  *reinterpret_cast<uint32_t*>(static_cast<char*>(debug_zone) + DZ_DOMAIN_SLOTS) = 17;
+  dz_word(DZ_DOMAIN_SLOTS) = 17;
   cmdb.cmdb_global_rw = header_base;
   cmdb.header = h;
   cmdb.stat_global = static_cast<char*>(header_base) + CMDB_HEADER_STAT_GLOBAL;

@@ -1,7 +1,10 @@
-// Helpers shared by the tests: log capture, child processes, a minimal region.
+// Helpers shared by the tests: log capture, child processes, region files.
 #pragma once
 
+#include <fcntl.h>
 #include <signal.h>
+#include <stdlib.h>
+#include <sys/mman.h>
 #include <sys/types.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,13 +18,14 @@
 namespace gk::test {
 
 // Everything the library handed to do_message, message and log_crash since the
-// last clear, formatted. The test binary's own definitions of those platform
-// functions replace the library's defaults.
+// last clear, formatted, and the format strings themselves in call order (a
+// host sees those, not just the text). The test binary's definitions of those
+// platform functions replace the library's defaults.
 std::string& captured_log();
-// The format strings themselves, in call order: a host sees these, not just the text.
 std::vector<std::string>& captured_formats();
 void clear_log();
 int count_occurrences(const std::string& haystack, const std::string& needle);
+inline bool logged(const std::string& text) { return captured_log().find(text) != std::string::npos; }
 
 // Runs fn in a forked child and returns its exit status, or 128 + the signal
 // that ended it. The child reports through its exit code, never gtest asserts.
@@ -56,9 +60,9 @@ class Holder {
   Signal took_, go_;
 };
 
-// What fn writes to standard output (or standard error), captured through a pipe.
-std::string capture_stdout(const std::function<void()>& fn);
-std::string capture_stderr(const std::function<void()>& fn);
+// What fn writes to descriptor 1 (or 2), captured through a pipe.
+std::string capture_output(const std::function<void()>& fn, int fd = 1);
+inline std::string capture_stdout(const std::function<void()>& fn) { return capture_output(fn, 1); }
 
 // Length of a file, or -1 when it is missing; its bytes (empty when missing).
 long file_size(const std::string& path);
@@ -67,6 +71,17 @@ std::vector<uint8_t> read_file(const std::string& path);
 // open descriptors: what a detach must leave as it found them.
 std::vector<std::string> mappings_of(const std::string& prefix);
 std::vector<std::string> open_fds();
+
+// A new file of `len` zero bytes in /dev/cmdb, mapped shared read-write; aborts on failure.
+inline void* map_region_file(const char* name, size_t len) {
+  const std::string path = std::string(CMDB_DIR) + name;
+  int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0 || ::ftruncate(fd, static_cast<off_t>(len)) != 0) abort();
+  void* p = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+  ::close(fd);
+  if (p == MAP_FAILED) abort();
+  return p;
+}
 
 // The header and debug zone as creation lays them out, mapped into this process
 // the way an attached process has them (cmdb.header, cmdb.debug_zone,
@@ -79,6 +94,7 @@ struct MiniRegion {
   void* header_base = nullptr;
   void* debug_zone = nullptr;
   size_t debug_zone_len = 0;
+  uint32_t& dz_word(size_t off) { return *reinterpret_cast<uint32_t*>(static_cast<char*>(debug_zone) + off); }
 };
 
 }  // namespace gk::test

@@ -10,11 +10,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <vector>
 
 #include "gikraidrum.h"
 #include "tests/alloc_fixture.h"
-#include "tests/node_fixture.h"
+#include "tests/test_support.h"
 
 namespace gk::test {
 
@@ -31,6 +32,11 @@ struct NodeSpace {
     cmdb.cmdb_node = base = static_cast<char*>(map_region_file("cmdb_node", bytes));
     cmdb.cmdb_node_index = index = static_cast<uint32_t*>(map_region_file("cmdb_node_index", 7444));
   }
+  explicit NodeSpace(std::initializer_list<NodeSpec> top) : NodeSpace() {
+    for (const NodeSpec& s : top) add(s);
+  }
+  NodeSpace(const NodeSpace&) = delete;
+  NodeSpace& operator=(const NodeSpace&) = delete;
   ~NodeSpace() {
     cmdb.cmdb_node = cmdb.cmdb_node_index = nullptr;
     ::munmap(base, bytes);

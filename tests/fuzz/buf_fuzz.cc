@@ -1,19 +1,13 @@
 // The text buffer driven by a fuzzed sequence of operations, checked against a
 // plain byte string; then base64 decode of arbitrary text, and the round trip
 // of whatever the buffer holds.
-#include <stdarg.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include <string>
 
 #include "gikraidrum.h"
-
-extern "C" void do_message(const char* fmt, va_list ap) noexcept {
-  char line[512];
-  vsnprintf(line, sizeof line, fmt, ap);
-}
+#include "tests/fuzz/fuzz_host.h"
 
 namespace {
 void check(const cmf_buf_t& b, const std::string& model) {

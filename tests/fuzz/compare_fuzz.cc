@@ -5,7 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <vector>
+#include <memory>
 
 #include "gikraidrum.h"
 
@@ -21,13 +21,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint8_t split = data[4];
   data += 5;
   size -= 5;
-  // The rest fills a then b; what the input lacks stays zero, a common tail for strings.
-  std::vector<uint8_t> a(offset + field + 1u), b(offset + field + 1u);  // never empty
-  a.resize(offset + field), b.resize(offset + field);
+  // The rest fills a then b; what the input lacks stays zero, a common tail for
+  // strings. new[] gives even an empty block an address of its own.
+  const std::unique_ptr<uint8_t[]> a_block(new uint8_t[offset + field]()), b_block(new uint8_t[offset + field]());
+  uint8_t *a = a_block.get(), *b = b_block.get();
   const size_t na = size < split ? size : split;
-  memcpy(a.data() + offset, data, na < field ? na : field);
+  memcpy(a + offset, data, na < field ? na : field);
   const size_t nb = size - na;
-  memcpy(b.data() + offset, data + na, nb < field ? nb : field);
+  memcpy(b + offset, data + na, nb < field ? nb : field);
 
   cmdb_node_t node{};
   node.type = type;
@@ -38,12 +39,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   desc.size = field;
   desc.offset = offset;
 
-  const int ab = cmdb_compare_key(a.data() + offset, b.data() + offset, &node);
-  const int ba = cmdb_compare_key(b.data() + offset, a.data() + offset, &node);
+  const int ab = cmdb_compare_key(a + offset, b + offset, &node);
+  const int ba = cmdb_compare_key(b + offset, a + offset, &node);
   if (sign(ab) != -sign(ba)) abort();
-  if (cmdb_compare_key(a.data() + offset, a.data() + offset, &node) != 0) abort();
-  if (sign(cmdb_compare_attr_data(a.data(), b.data(), &node)) != sign(ab)) abort();
+  if (cmdb_compare_key(a + offset, a + offset, &node) != 0) abort();
+  if (sign(cmdb_compare_attr_data(a, b, &node)) != sign(ab)) abort();
   // The descriptor carries four bits of type.
-  if (type < 16 && sign(cli_compare_attr_data(a.data(), b.data(), &desc)) != sign(ab)) abort();
+  if (type < 16 && sign(cli_compare_attr_data(a, b, &desc)) != sign(ab)) abort();
   return 0;
 }

@@ -7,24 +7,18 @@
 // everything of the two pages outside the table and index blocks is poisoned,
 // so a read past a block is a sanitizer report even inside a mapping.
 #include <sanitizer/asan_interface.h>
-#include <stdarg.h>
-#include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
 #include <memory>
+#include <set>
 #include <vector>
 
 #include "alloc/alloc_internal.h"
 #include "alloc/page_map.h"
+#include "tests/fuzz/fuzz_host.h"
 #include "tests/sandbox.h"
 #include "tests/tree_fixture.h"
-
-extern "C" void do_message(const char* fmt, va_list ap) noexcept {
-  char line[512];
-  vsnprintf(line, sizeof line, fmt, ap);
-}
 
 namespace {
 using gk::test::NodeSpace;
@@ -36,58 +30,37 @@ gk::test::AllocRegion* g_region;
 NodeSpace* g_nodes;
 TableFixture* g_tables[2];  // u32 keys; 6-byte string keys (version order)
 
-struct Span {
-  uintptr_t lo, hi;
-};
-
-// The object area of the page that holds p: past the slab header and links
-// (which every translation reads), to the end of the mapping.
-Span objects_of(uintptr_t p) {
-  const auto* m = static_cast<const alloc::PageMap*>(cmdb.page_maps);
-  const auto* ct = static_cast<const cmdb_slab_cache_table_t*>(cmdb.slab_caches);
-  for (int32_t i = 0; i < m->count; ++i) {
-    const alloc::PageMapSlot& s = m->slot[i];
-    const auto lo = reinterpret_cast<uintptr_t>(s.addr);
-    if (s.addr == nullptr || p < lo || p >= lo + static_cast<uint32_t>(s.len)) continue;
-    const int32_t c = static_cast<const cmdb_slab_header_t*>(s.addr)->cache;
-    return {lo + (c < 0 ? 8 : 24 + 4 * ct->cache[c].num), lo + static_cast<uint32_t>(s.len)};
-  }
-  abort();
-}
-
-// Poisons the object areas of the pages of two blocks, except the blocks
+// Poisons the object areas of the pages holding two blocks (past the slab
+// header and links, which every translation reads), except the blocks
 // themselves, for as long as it lives.
 class Fence {
  public:
   Fence(const void* a, size_t a_bytes, const void* b, size_t b_bytes) {
-    Span blocks[2] = {{reinterpret_cast<uintptr_t>(a), reinterpret_cast<uintptr_t>(a) + a_bytes},
-                      {reinterpret_cast<uintptr_t>(b), reinterpret_cast<uintptr_t>(b) + b_bytes}};
-    if (blocks[1].lo < blocks[0].lo) std::swap(blocks[0], blocks[1]);
-    const Span pa = objects_of(blocks[0].lo), pb = objects_of(blocks[1].lo);
-    if (pa.lo == pb.lo) {
-      poison(pa.lo, blocks[0].lo);
-      poison(blocks[0].hi, blocks[1].lo);
-      poison(blocks[1].hi, pa.hi);
-    } else {
-      poison(pa.lo, blocks[0].lo);
-      poison(blocks[0].hi, pa.hi);
-      poison(pb.lo, blocks[1].lo);
-      poison(blocks[1].hi, pb.hi);
-    }
+    for (const void* p : {a, b}) pages_.insert(objects_of(reinterpret_cast<uintptr_t>(p)));
+    for (auto [lo, hi] : pages_) ASAN_POISON_MEMORY_REGION(reinterpret_cast<void*>(lo), hi - lo);
+    ASAN_UNPOISON_MEMORY_REGION(a, a_bytes);
+    ASAN_UNPOISON_MEMORY_REGION(b, b_bytes);
   }
   ~Fence() {
-    for (const Span& s : poisoned_) ASAN_UNPOISON_MEMORY_REGION(reinterpret_cast<void*>(s.lo), s.hi - s.lo);
+    for (auto [lo, hi] : pages_) ASAN_UNPOISON_MEMORY_REGION(reinterpret_cast<void*>(lo), hi - lo);
   }
   Fence(const Fence&) = delete;
   Fence& operator=(const Fence&) = delete;
 
  private:
-  void poison(uintptr_t lo, uintptr_t hi) {
-    if (hi <= lo) return;
-    ASAN_POISON_MEMORY_REGION(reinterpret_cast<void*>(lo), hi - lo);
-    poisoned_.push_back({lo, hi});
+  static std::pair<uintptr_t, uintptr_t> objects_of(uintptr_t p) {
+    const auto* m = static_cast<const alloc::PageMap*>(cmdb.page_maps);
+    const auto* ct = static_cast<const cmdb_slab_cache_table_t*>(cmdb.slab_caches);
+    for (int32_t i = 0; i < m->count; ++i) {
+      const alloc::PageMapSlot& s = m->slot[i];
+      const auto lo = reinterpret_cast<uintptr_t>(s.addr), hi = lo + static_cast<uint32_t>(s.len);
+      if (s.addr == nullptr || p < lo || p >= hi) continue;
+      const int32_t c = static_cast<const cmdb_slab_header_t*>(s.addr)->cache;
+      return {lo + (c < 0 ? 8 : 24 + 4 * ct->cache[c].num), hi};
+    }
+    abort();
   }
-  std::vector<Span> poisoned_;
+  std::set<std::pair<uintptr_t, uintptr_t>> pages_;
 };
 
 // The fuzzer's view of one table: the keys in position order, and whether the

@@ -15,6 +15,7 @@
 
 #include "gikraidrum.h"
 #include "tests/sample_schema.h"
+#include "writer/verify.h"
 
 namespace gk::stress {
 
@@ -87,20 +88,15 @@ void shared_free(T* p) {
 
 inline uint32_t load(const uint32_t& w) { return std::atomic_ref<const uint32_t>(w).load(); }
 inline void store(uint32_t& w, uint32_t v) { std::atomic_ref<uint32_t>(w).store(v); }
-inline void bump(uint64_t& w, uint64_t by = 1) { std::atomic_ref<uint64_t>(w).fetch_add(by, std::memory_order_relaxed); }
 
-// Figures of one consistency pass.
-struct CheckReport {
-  int errors = 0;
-  std::string first;        // text of the first few faults
-  uint32_t tables = 0, entries = 0, domains = 0, blocks = 0, allocated = 0, large_tables = 0;
-};
-// Walks every root block, table, entry index, child instance, locator block,
-// both domain indexes, the table counts, and runs the allocator's own check of
-// the page table and slab lists; then matches the blocks reached against the
-// blocks allocated, so a leaked or doubly owned block shows too.
-// REQUIRES: main lock (shared at least); region attached.
-CheckReport check_region();
+// The engine's whole-region check, under the shared lock.
+// REQUIRES: region attached; no main lock held.
+inline writer::RegionReport check_region() {
+  cmf_shm_read_lock();
+  writer::RegionReport r = writer::verify_region(8);
+  cmf_shm_read_unlock();
+  return r;
+}
 
 // Current value of the semaphore with this IPC key, or -1.
 inline int sem_value(key_t key) {

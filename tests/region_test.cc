@@ -1,13 +1,15 @@
-// Region lifecycle: creation from a schema, attach modes, detach, removal.
+// Region lifecycle: creation from a schema, attach modes, detach, removal; the
+// growable var list; the process handle and the shared header, whose version
+// and log threshold every process shares.
+#include <gtest/gtest.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
 #include <sys/stat.h>
 
-#include <gtest/gtest.h>
-
 #include <set>
 #include <tuple>
+#include <utility>
 
 #include "tests/sample_schema.h"
 #include "tests/test_support.h"
@@ -18,7 +20,7 @@ using gk::test::file_size;
 using gk::test::SampleSchema;
 
 const std::string kDir = "/dev/cmdb/";
-bool logged(const std::string& text) { return captured_log().find(text) != std::string::npos; }
+using gk::test::logged;
 bool unmapped() { return gk::test::mappings_of(kDir).empty(); }
 
 template <typename T = uint32_t>
@@ -48,6 +50,15 @@ class RegionTest : public ::testing::Test {
   void SetUp() override { gk::test::clear_log(); }
   void TearDown() override { cleanup_cmdb_app_core(); }
 };
+// A region created from the sample schema on platform 3.
+class CreatedTest : public RegionTest {
+ protected:
+  void SetUp() override {
+    RegionTest::SetUp();
+    ASSERT_EQ(0, create(s, 3));
+  }
+  SampleSchema s;
+};
 
 TEST_F(RegionTest, CreationLaysOutEverySubRegion) {
   // Domain-sized sub-regions follow the platform's capacity for gid 91 (2, 50, 500).
@@ -67,14 +78,15 @@ TEST_F(RegionTest, CreationLaysOutEverySubRegion) {
     memset(zone.data() + DZ_DOMAIN_SLOTS, 0, 4);
     EXPECT_TRUE(all_zero(zone.data(), zone.size()));
   }
-  struct { const char* name; long len; } files[] = {
-      {"cmdb_node", 1028}, {"cmdb_sql_node", 11220}, {"cmdb_datasource", 1314}, {"cmdb_node_index", 7444},
-      {"page", 520}, {"cmdb_global", 38216}, {"cmdb_global_rw", 32840}, {"cmdb_event", 49800},
-      {"devices", 11332}, {"admin_login_status", 16}, {"daemon_status", 104}};
-  for (const auto& f : files) EXPECT_EQ(f.len, file_size(kDir + f.name)) << f.name;
-  for (const char* zeroed : {"cmdb_event", "devices", "admin_login_status", "domain", "daemon_status"}) {
-    auto bytes = gk::test::read_file(kDir + zeroed);
-    EXPECT_TRUE(all_zero(bytes.data(), bytes.size())) << zeroed;
+  struct { const char* name; long len; bool zero; } files[] = {
+      {"cmdb_node", 1028, false}, {"cmdb_sql_node", 11220, false}, {"cmdb_datasource", 1314, false},
+      {"cmdb_node_index", 7444, false}, {"page", 520, false}, {"cmdb_global", 38216, false},
+      {"cmdb_global_rw", 32840, false}, {"cmdb_event", 49800, true}, {"devices", 11332, true},
+      {"admin_login_status", 16, true}, {"daemon_status", 104, true}, {"domain", 132012, true}};
+  for (const auto& f : files) {
+    auto bytes = gk::test::read_file(kDir + f.name);
+    EXPECT_EQ(f.len, static_cast<long>(bytes.size())) << f.name;
+    EXPECT_TRUE(!f.zero || all_zero(bytes.data(), bytes.size())) << f.name;
   }
   auto page = gk::test::read_file(kDir + "page");
   EXPECT_EQ(std::make_tuple(1u, 64u), std::make_tuple(at(page.data(), 0), at(page.data(), 4)));
@@ -113,9 +125,7 @@ TEST_F(RegionTest, CreationLaysOutEverySubRegion) {
   EXPECT_EQ(0, access("/tmp/cmdb_lock", F_OK));
 }
 
-TEST_F(RegionTest, NodeRecordsFollowTheDescriptors) {
-  SampleSchema s;
-  ASSERT_EQ(0, create(s, 3));
+TEST_F(CreatedTest, NodeRecordsFollowTheDescriptors) {
   ASSERT_EQ(0, init_cmdb_app_core(2));
   ASSERT_EQ(CMDB_FLAG_OWNER | CMDB_FLAG_INITIALIZED, cmdb.flags);
   const void* base = cmdb.cmdb_node;
@@ -149,11 +159,8 @@ TEST_F(RegionTest, NodeRecordsFollowTheDescriptors) {
   // default gid, scope, kind, type, flags, ds_index, nchild, size, offset, parent
   EXPECT_EQ(Row(0, 1, 2, 0, 0, 0, 0, 256, 0, 0), row(91));
   EXPECT_EQ(Row(0, 2, 1, 0, 0, 0, 3, 40, 0, parent(346)), row(347));
-  EXPECT_EQ(Row(0, 0, 5, 1, 0, 0, 0, 4, 32, parent(347)), row(349));
   EXPECT_EQ(Row(0, 3, 2, 0, 0x10, 0, 1, 48, 0, 0), row(100));
-  EXPECT_EQ(Row(0, 0, 4, 0, 0, 0, 1, 8, 40, parent(101)), row(104));
   EXPECT_EQ(Row(0, 1, 8, 0, 0x0D, 0, 2, 16, 0, 0), row(200));
-  EXPECT_EQ(Row(0, 0, 5, 5, 0, 0, 0, 12, 4, parent(200)), row(201));
   EXPECT_EQ(Row(0, 0, 10, 0, 0, 0, 1, 0, 0, 0), row(210));
   EXPECT_EQ(Row(346, 0, 3, 0, 0, 0, 1, 40, 0, 0), row(120));
   EXPECT_EQ(Row(0, 0, 2, 0, 0x02, 0, 0, 16, 0, 0), row(130));
@@ -169,11 +176,10 @@ TEST_F(RegionTest, NodeRecordsFollowTheDescriptors) {
   EXPECT_NE(nullptr, s.system->defaults);
 
   auto* sql = static_cast<const char*>(cmdb.cmdb_sql_node);
-  EXPECT_EQ(std::make_tuple(130, 1), std::make_tuple(at<uint16_t>(sql, 0), int(sql[2])));
-  EXPECT_STREQ("tlog", sql + 4);
-  EXPECT_STREQ("traffic", sql + 36);
-  EXPECT_EQ(7, at<uint16_t>(sql, 68));   // the number replaces the long name's first two bytes
-  EXPECT_STREQ("affic_log_long_name", sql + 70);
+  // The number replaces the long name's first two bytes.
+  EXPECT_EQ(std::tuple(130, 1, "tlog", "traffic", 7, "affic_log_long_name"),
+            std::tuple(at<uint16_t>(sql, 0), int(sql[2]), std::string(sql + 4), std::string(sql + 36),
+                       at<uint16_t>(sql, 68), std::string(sql + 70)));
   EXPECT_EQ(std::make_tuple(131, 0), std::make_tuple(at<uint16_t>(sql, 132), int(sql[134])));
   EXPECT_EQ("event_log_first_long_name_that_runs_past_the_sixty_three_charac", std::string(sql + 136, 63));
   EXPECT_TRUE(all_zero(sql + 132 + 67, 11220 - 132 - 67));
@@ -210,9 +216,7 @@ int poke(int mode, void* cmdb_record_t::*field) {
   });
 }
 
-TEST_F(RegionTest, ReadersMapDataReadOnlyAndStatusReadWrite) {
-  SampleSchema s;
-  ASSERT_EQ(0, create(s, 3));
+TEST_F(CreatedTest, ReadersMapDataReadOnlyAndStatusReadWrite) {
   using R = cmdb_record_t;
   for (auto f : {&R::cmdb_node, &R::cmdb_sql_node, &R::cmdb_datasource, &R::cmdb_node_index, &R::page,
                  &R::cmdb_global, &R::domain, &R::domid_index, &R::domname_index, &R::devices})
@@ -228,13 +232,10 @@ TEST_F(RegionTest, ReadersMapDataReadOnlyAndStatusReadWrite) {
     return 0;
   }));
   ASSERT_EQ(0, init_cmdb_app_core(3));
-  EXPECT_EQ(CMDB_FLAG_INITIALIZED, cmdb.flags);
-  EXPECT_EQ(4u, orv_mail_mode());
+  EXPECT_EQ(std::tuple(uint32_t(CMDB_FLAG_INITIALIZED), 4u), std::tuple(cmdb.flags, orv_mail_mode()));
 }
 
-TEST_F(RegionTest, RepeatedInitChangesNothingAndUnknownModesMapNothing) {
-  SampleSchema s;
-  ASSERT_EQ(0, create(s, 3));
+TEST_F(CreatedTest, RepeatedInitChangesNothingAndUnknownModesMapNothing) {
   ASSERT_EQ(0, init_cmdb_app_core(1));
   EXPECT_EQ(520, cmdb.page_map_len);
   cmdb_record_t before = cmdb;
@@ -263,9 +264,7 @@ TEST_F(RegionTest, InitWithoutLocksFailsOnceThenReturnsZero) {
   EXPECT_TRUE(logged("Can not init debug_zone rwlock! cmf_shm_init,init_cmdb_app_core,"));
 }
 
-TEST_F(RegionTest, CleanupLeavesNoMappingOrDescriptor) {
-  SampleSchema s;
-  ASSERT_EQ(0, create(s, 3));
+TEST_F(CreatedTest, CleanupLeavesNoMappingOrDescriptor) {
   auto fds = gk::test::open_fds();
   for (int mode : {1, 2}) {
     ASSERT_EQ(0, init_cmdb_app_core(mode));
@@ -285,23 +284,19 @@ TEST_F(RegionTest, InitProcessMapsDaemonStatusForEachAccess) {
   ASSERT_EQ(0, attach_cmfshm_for_init());
   static_cast<uint8_t*>(cmdb.daemon_status)[103] = 0x2A;
   EXPECT_EQ(0x2A, gk::test::read_file(kDir + "daemon_status")[103]);
-  EXPECT_EQ(0, detach_cmfshm_for_init());
-  EXPECT_EQ(nullptr, cmdb.daemon_status);
-  EXPECT_EQ(0, detach_cmfshm_for_init());
-  EXPECT_TRUE(unmapped());
+  EXPECT_EQ(std::tuple(0, nullptr, 0, true),
+            (std::tuple{detach_cmfshm_for_init(), cmdb.daemon_status, detach_cmfshm_for_init(), unmapped()}));
 
   ASSERT_EQ(0, attach_cmfshm_for_init());
   ASSERT_EQ(0, unlink((kDir + "daemon_status").c_str()));
-  EXPECT_EQ(-3, detach_cmfshm_for_init());
-  EXPECT_TRUE(logged("stat: daemon_status, errno=2.\n") && logged("create file error"));
-  EXPECT_EQ(-4, attach_cmfshm_for_init());
+  EXPECT_EQ(std::tuple(-3, true, -4),
+            (std::tuple{detach_cmfshm_for_init(), logged("stat: daemon_status, errno=2.\n") && logged("create file error"),
+                        attach_cmfshm_for_init()}));
   cleanup_cmdb_app_core();   // what the failed detach left is still this process's to release
   EXPECT_TRUE(unmapped());
 }
 
-TEST_F(RegionTest, DestroyRemovesTheFourteenFiles) {
-  SampleSchema s;
-  ASSERT_EQ(0, create(s, 3));
+TEST_F(CreatedTest, DestroyRemovesTheFourteenFiles) {
   ASSERT_EQ(0, cmf_shm_destroy());
   std::set<std::string> left;
   for (const char* name : {"daemon_status", "page", "cmdb_node", "debug_zone", "admin_login_status", "1"})
@@ -309,21 +304,22 @@ TEST_F(RegionTest, DestroyRemovesTheFourteenFiles) {
   EXPECT_EQ((std::set<std::string>{"daemon_status", "1"}), left);
   gk::test::clear_log();
   EXPECT_EQ(-3, cmf_shm_destroy());
-  EXPECT_TRUE(logged(", file=13,admin_login_status destroy file error 2\n"));
-  EXPECT_EQ(0u, captured_log().find("cmf_shm_init,"));
+  EXPECT_EQ(std::tuple(true, 0u), std::tuple(logged(", file=13,admin_login_status destroy file error 2\n"),
+                                             captured_log().find("cmf_shm_init,")));
 }
 
-TEST_F(RegionTest, AttachStopsAtTheFirstMissingFile) {
-  SampleSchema s;
-  ASSERT_EQ(0, create(s, 3));
-  ASSERT_EQ(0, unlink((kDir + "devices").c_str()));
-  EXPECT_EQ(-4, init_cmdb_app_core(1));
-  EXPECT_TRUE(logged("name=/dev/cmdb/devices") && logged("create file error"));
-  EXPECT_NE(nullptr, cmdb.domain);   // what was mapped stays mapped
-  EXPECT_EQ(nullptr, cmdb.admin_login_status);
-  EXPECT_EQ(0u, cmdb.flags & CMDB_FLAG_INITIALIZED);
-  cleanup_cmdb_app_core();
-  EXPECT_TRUE(unmapped());
+TEST_F(CreatedTest, AttachStopsAtTheFirstEmptyOrMissingFile) {
+  const std::string devices = kDir + "devices";
+  for (bool empty : {true, false}) {
+    gk::test::clear_log();
+    ASSERT_EQ(0, empty ? truncate(devices.c_str(), 0) : unlink(devices.c_str()));
+    EXPECT_EQ(std::tuple(-4, true), (std::tuple{init_cmdb_app_core(1), logged("create file error") &&
+                                                logged(empty ? "mmap: devices, errno=22." : "name=/dev/cmdb/devices")}));
+    // What was mapped stays mapped.
+    EXPECT_TRUE(cmdb.domain != nullptr && cmdb.admin_login_status == nullptr && !(cmdb.flags & CMDB_FLAG_INITIALIZED));
+    cleanup_cmdb_app_core();
+    EXPECT_TRUE(unmapped());
+  }
 }
 
 TEST_F(RegionTest, CreationFailuresCreateLaterFilesButFillNone) {
@@ -374,6 +370,183 @@ TEST_F(RegionTest, SchemasBeyondTheFixedTablesAreRefused) {
   cmdb.schema = nullptr;
   EXPECT_EQ(-1, cmf_shm_create());
   EXPECT_TRUE(logged("no schema"));
+}
+
+const std::string kFile = "/dev/cmdb/admin_login_status";
+
+cmdb_var_list_head_t* head() { return static_cast<cmdb_var_list_head_t*>(cmdb.admin_login_status); }
+
+// Length of this process's one mapping of the var list, or -1 when it has none or several.
+long mapped_length() {
+  auto maps = gk::test::mappings_of(kFile);
+  if (maps.size() != 1) return -1;
+  unsigned long lo = 0, hi = 0;
+  sscanf(maps[0].c_str(), "%lx-%lx", &lo, &hi);
+  return static_cast<long>(hi - lo);
+}
+
+class VarListTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    gk::test::clear_log();
+    gk::test::SampleSchema s;
+    std::string out = gk::test::capture_stdout([&] { ASSERT_EQ(0, gk::test::create_region(s, 3)); });
+    ASSERT_EQ(0, init_cmdb_app_core(2));
+  }
+  void TearDown() override { cleanup_cmdb_app_core(); }
+};
+
+TEST_F(VarListTest, GrowsBySixtyFourEntriesWhenFull) {
+  EXPECT_EQ(-2, cmf_var_list_alloc("admin_login_status"));   // no unit yet
+  cmf_var_list_set_unit(nullptr, 40);
+  cmf_var_list_set_unit(cmdb.admin_login_status, 0);
+  EXPECT_EQ(0u, head()->unit);
+  cmf_var_list_set_unit(cmdb.admin_login_status, 40);
+  ASSERT_EQ(40u, head()->unit);
+
+  struct { uint32_t used, capacity; long file; } steps[] = {
+      {0, 64, 2576}, {10, 64, 2576}, {63, 64, 2576}, {64, 128, 5136}, {127, 128, 5136}, {128, 192, 7696}};
+  for (const auto& step : steps) {
+    head()->used = step.used;
+    ASSERT_EQ(0, cmf_var_list_alloc("admin_login_status"));
+    EXPECT_EQ(step.capacity, head()->capacity) << step.used;
+    EXPECT_EQ(step.file, file_size(kFile)) << step.used;
+    // The new entries are usable here at once: write the last byte of the last one.
+    static_cast<uint8_t*>(cmdb.admin_login_status)[16 + step.capacity * 40 - 1] = 0x5A;
+  }
+  EXPECT_EQ(8192, mapped_length());   // remapped in place or moved, never left behind
+}
+
+TEST_F(VarListTest, RefusesWhatIsNotTheGrowableList) {
+  for (const char* name : {static_cast<const char*>(nullptr), "nope", "admin_login"}) {  // names compare exactly
+    EXPECT_EQ(-1, cmf_var_list_alloc(name));
+  }
+  void* none = nullptr;  // and then the list before it has a unit
+  EXPECT_EQ(std::tuple(-1, -2, -2), std::tuple(cmf_var_list_update(nullptr), cmf_var_list_update(&none),
+                                               cmf_var_list_update(&cmdb.admin_login_status)));
+  // Other var lists have no growable head: refused, never remapped or grown.
+  const std::vector<uint8_t> page_before = gk::test::read_file("/dev/cmdb/page");
+  using R = cmdb_record_t;
+  for (auto [field, name] : {std::pair{&R::devices, "devices"}, {&R::daemon_status, "daemon_status"}, {&R::page, "page"}}) {
+    void* base = cmdb.*field;
+    EXPECT_EQ(-1, cmf_var_list_update(&(cmdb.*field))) << name;
+    EXPECT_EQ(-1, cmf_var_list_alloc(name)) << name;
+    EXPECT_EQ(base, cmdb.*field) << name;
+  }
+  EXPECT_EQ(page_before, gk::test::read_file("/dev/cmdb/page"));
+  void* saved = std::exchange(cmdb.admin_login_status, nullptr);
+  EXPECT_EQ(std::tuple(-2, -2), std::tuple(cmf_var_list_update(&cmdb.admin_login_status),
+                                           cmf_var_list_alloc("admin_login_status")));
+  cmdb.admin_login_status = saved;
+  EXPECT_EQ(16, file_size(kFile));
+}
+
+TEST_F(VarListTest, GrowthElsewhereIsSeenAfterUpdate) {
+  // Entries of 100 bytes: 64 of them span two pages, so a remap may have to move.
+  cmf_var_list_set_unit(cmdb.admin_login_status, 100);
+  gk::test::Signal ready, grown;
+  pid_t reader = gk::test::start_child([&] {
+    cleanup_cmdb_app_core();
+    if (init_cmdb_app_core(1) != 0) return 2;
+    ready.post();
+    if (!grown.wait()) return 3;
+    if (head()->capacity != 64 || mapped_length() != 4096) return 4;   // not yet remapped here
+    if (cmf_var_list_update(&cmdb.admin_login_status) != 0) return 5;
+    if (mapped_length() != 8192) return 6;
+    auto* entries = static_cast<uint8_t*>(cmdb.admin_login_status) + 16;
+    if (entries[63 * 100] != 0x11) return 7;
+    entries[63 * 100 + 99] = 0x22;
+    // A reader may grow it too (the var list is writable in every mode).
+    head()->used = 64;
+    if (cmf_var_list_alloc("admin_login_status") != 0 || head()->capacity != 128) return 8;
+    return 0;
+  });
+  ASSERT_TRUE(ready.wait());
+  ASSERT_EQ(0, cmf_var_list_alloc("admin_login_status"));
+  static_cast<uint8_t*>(cmdb.admin_login_status)[16 + 63 * 100] = 0x11;
+  grown.post();
+  ASSERT_EQ(0, gk::test::wait_child(reader));
+  EXPECT_EQ(std::tuple(0x22, 128u, 12816L), std::tuple(static_cast<uint8_t*>(cmdb.admin_login_status)[16 + 63 * 100 + 99],
+                                                      head()->capacity, file_size(kFile)));
+  ASSERT_EQ(0, cmf_var_list_update(&cmdb.admin_login_status));
+  EXPECT_EQ(16384, mapped_length());
+  static_cast<uint8_t*>(cmdb.admin_login_status)[12815] = 1;
+  cleanup_cmdb_app_core();
+  EXPECT_TRUE(gk::test::mappings_of(kFile).empty());
+}
+
+TEST(RegionHandleTest, NothingMappedBeforeAttach) {
+  EXPECT_EQ(std::tuple(nullptr, nullptr, nullptr, static_cast<void*>(cmdb.statistics)),
+            std::tuple(get_cmdb_header(), get_cmdb_dzone(), get_shmtree_root(), cmf_shm_statistics()));
+  // Nothing to read or count without a header or debug zone: zeros, no fault.
+  cmdb_save_version();
+  EXPECT_EQ(std::make_tuple(0u, 0u, 0u, 0, 0u, 0u),
+            std::make_tuple(cmdb_get_version(), get_cmdb_updatetime(), cmdb_get_owner(), cmdb_version_changed(),
+                            set_cmdb_nxt_update(), orv_mail_mode()));
+  // Before attach every level is written; the sandbox is this process's own.
+  gk::test::clear_log();
+  dbg_cmdb(5, "notice %d\n", 5);
+  dbg_cmdb(99, "anything\n");
+  EXPECT_EQ("notice 5\nanything\n", captured_log());
+  struct stat st;
+  EXPECT_NE(0, ::stat("/dev/cmdb/page", &st));
+}
+
+TEST(RegionHandleTest, VersionAndLogLevelSeenFromAnotherProcess) {
+  gk::test::MiniRegion region;
+  cmdb_save_version();
+  EXPECT_EQ(0, cmdb_version_changed());
+  pid_t writer = gk::test::start_child([] { return set_cmdb_nxt_update() == 0 ? 0 : 1; });
+  ASSERT_EQ(0, gk::test::wait_child(writer));
+  EXPECT_EQ(std::tuple(1, 1u, 1u, static_cast<uint32_t>(writer)),
+            std::tuple(cmdb_version_changed(), cmdb_get_version(), get_cmdb_updatetime(), cmdb_get_owner()));
+  // The returned value is the version before the increment; the counter wraps.
+  get_cmdb_header()->version = 0xFFFFFFFFu;
+  cmdb_save_version();
+  EXPECT_EQ(0xFFFFFFFFu, set_cmdb_nxt_update());
+  EXPECT_EQ(std::tuple(0u, static_cast<uint32_t>(getpid()), 1),
+            std::tuple(cmdb_get_version(), cmdb_get_owner(), cmdb_version_changed()));
+
+  gk::test::clear_log();
+  dbg_cmdb(4, "dropped\n");
+  dbg_cmdb(3, "kept %s\n", "three");
+  cmf_backup_non_ha_conf();  // a host without backup hears why at the default level
+  EXPECT_EQ("kept three\ncmf_do_backup_conf: configuration backup is not supported by this host\n", captured_log());
+  ASSERT_EQ(0, gk::test::run_child([] { return get_cmdb_header()->log_level = 5, 0; }));
+  gk::test::clear_log();
+  dbg_cmdb(5, "now kept\n");
+  dbg_cmdb(6, "still dropped\n");
+  EXPECT_EQ("now kept\n", captured_log());
+}
+
+// The debug bit sends the log to standard output only, flushed at once: a
+// process that ends without a stdio flush must not lose its last words.
+TEST(RegionHandleTest, DebugBitWritesToStandardOutputFlushed) {
+  gk::test::MiniRegion region;
+  gk::test::clear_log();
+  cmdb.flags |= CMDB_FLAG_DEBUG;
+  std::string out = gk::test::capture_stdout([] {
+    dbg_cmdb(3, "to stdout %d\n", 1);
+    dbg_cmdb(4, "filtered first\n");
+  });
+  cmdb.flags &= ~CMDB_FLAG_DEBUG;
+  EXPECT_EQ("to stdout 1\n", out);
+  EXPECT_EQ("", captured_log());
+  int fds[2];
+  ASSERT_EQ(0, pipe(fds));
+  pid_t pid = gk::test::start_child([&] {
+    dup2(fds[1], 1);  // a pipe: stdio buffers it fully
+    cmdb.flags |= CMDB_FLAG_DEBUG;
+    dbg_cmdb(3, "last words %d\n", 7);
+    _exit(0);  // no stdio flush on the way out
+    return 0;
+  });
+  close(fds[1]);
+  char buf[64] = {};
+  ssize_t n = read(fds[0], buf, sizeof buf - 1);
+  close(fds[0]);
+  ASSERT_EQ(0, gk::test::wait_child(pid));
+  EXPECT_EQ("last words 7\n", std::string(buf, n > 0 ? size_t(n) : 0));
 }
 
 }  // namespace
