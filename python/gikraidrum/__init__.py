@@ -103,6 +103,10 @@ class Region:
 
     `schema` is the schema file; None takes the copy kept beside the region."""
 
+    # Set before __init__ can fail, so that __del__ finds them.
+    _h: Optional[int] = None
+    _watch: Optional["Watch"] = None
+
     def __init__(self, schema: Optional[str] = None) -> None:
         self._lib = _load()
         self._watch: Optional[Watch] = None
@@ -174,6 +178,8 @@ class Region:
 class Watch:
     """Changes as they arrive; see Region.watch()."""
 
+    _h: Optional[int] = None
+
     def __init__(self, region: Region, handle: int, timeout: Optional[float]) -> None:
         self._lib, self._h = region._lib, handle
         self._wait = -1 if timeout is None else int(timeout * 1000)
@@ -217,6 +223,8 @@ class Watch:
 class Client:
     """A connection to cmdbd. Each call is one request; a change is applied
     whole or not at all and its revision returned once it is durable."""
+
+    _h: Optional[int] = None
 
     def __init__(self, socket: Optional[str] = None) -> None:
         self._lib = _load()
