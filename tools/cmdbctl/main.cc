@@ -285,6 +285,40 @@ Runner define_status(CLI::App*) {
   return [](const Options& o) { return cmd_status(o); };
 }
 
+Runner define_history(CLI::App* c) {
+  auto limit = std::make_shared<uint64_t>(0);
+  c->add_option("--limit", *limit, "Only the newest N revisions (default: all kept)");
+  return [limit](const Options& o) { return cmd_history(o, *limit); };
+}
+
+Runner define_show(CLI::App* c) {
+  struct Args {
+    uint64_t rev = 0;
+    std::string path, domain;
+  };
+  auto a = std::make_shared<Args>();
+  c->add_option("revision", a->rev, "The revision")->required();
+  c->add_option("path", a->path, "Only what this path names, e.g. policy[p1] (default: the whole configuration)");
+  c->add_option("--domain", a->domain, "Domain of the path (default: the global context)");
+  return [a](const Options& o) { return cmd_show(o, a->rev, a->path, a->domain); };
+}
+
+Runner define_diff(CLI::App* c) {
+  auto from = std::make_shared<std::optional<uint64_t>>();
+  auto to = std::make_shared<std::optional<uint64_t>>();
+  c->add_option("from", *from, "The older revision (default: the one before the newer)");
+  c->add_option("to", *to, "The newer revision (default: the last)");
+  return [from, to](const Options& o) { return cmd_diff(o, *from, *to); };
+}
+
+Runner define_rollback(CLI::App* c) {
+  auto rev = std::make_shared<uint64_t>(0);
+  auto comment = std::make_shared<std::string>();
+  c->add_option("revision", *rev, "The revision whose configuration comes back")->required();
+  c->add_option("-m,--message", *comment, "Comment kept with the new revision");
+  return [rev, comment](const Options& o) { return cmd_rollback(o, *rev, *comment); };
+}
+
 Runner define_sandbox(CLI::App* c) {
   // Everything after the first argument that is not one of ours is the command's.
   c->prefix_command();
@@ -318,6 +352,10 @@ const Command kCommands[] = {
     {"set", "Configuration", "Set attributes of an object or entry; a missing entry is created", define_set},
     {"delete", "Configuration", "Delete an entry and everything below it", define_delete},
     {"domain", "Configuration", "List, add, rename or remove domains", define_domain},
+    {"history", "Revisions", "The revisions cmdbd keeps: who changed what, when", define_history},
+    {"show", "Revisions", "Print the configuration as of a revision (or what a path named then)", define_show},
+    {"diff", "Revisions", "Field-level differences between two revisions (default: the last change)", define_diff},
+    {"rollback", "Revisions", "Make the configuration that of a revision again, as a new revision", define_rollback},
     {"watch", "Events", "Register for changes and print each event until SIGINT/SIGTERM", define_watch},
     {"schema", "Schemas", "Validate a schema file (check) or write its C header (header)", define_schema},
     {"completion", "Shell", "Print the bash completion script (bash), or the schema's tables (paths)",
