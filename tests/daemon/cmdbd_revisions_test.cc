@@ -25,7 +25,7 @@ Json::Value answer_of(Fn fn) {
   return ok ? v : Json::Value();
 }
 
-class RevisionsTest : public ::testing::Test {
+class CmdbdRevisionsTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(d.start()) << d.log();
@@ -40,7 +40,7 @@ class RevisionsTest : public ::testing::Test {
   gk_client* c = nullptr;
 };
 
-TEST_F(RevisionsTest, RollbackGivesTheConfigurationShowSaw) {
+TEST_F(CmdbdRevisionsTest, RollbackGivesTheConfigurationShowSaw) {
   // Revisions of every kind of change, past a snapshot so that some are
   // rebuilt from one.
   std::mt19937 rng(16);
@@ -85,11 +85,11 @@ TEST_F(RevisionsTest, RollbackGivesTheConfigurationShowSaw) {
   EXPECT_EQ(0u, h["revisions"][0]["comment"].asString().find("rollback to revision "));
 }
 
-TEST_F(RevisionsTest, HistoryDiffAndHowFarBack) {
+TEST_F(CmdbdRevisionsTest, HistoryDiffAndHowFarBack) {
   int st = 0;
   run(kCtl + " domain add east --id 4 && " + kCtl + " set policy[allow-web] action=1 priority=7 --domain east && " +
           kCtl + " set interface[2] mtu=1400 && " + kCtl + " set policy[allow-web] action=0 --domain east && " + kCtl +
-          " delete interface[2]",
+          " delete interface[2] -m 'drop it'",
       &st);
   ASSERT_EQ(0, st);
   EXPECT_EQ("interface[2]: deleted\n", run(kCtl + " diff", &st, true));
@@ -118,7 +118,8 @@ TEST_F(RevisionsTest, HistoryDiffAndHowFarBack) {
   EXPECT_EQ(5u, removed["revision"].asUInt64());
   EXPECT_NE(std::string::npos, removed["command"].asString().find("cmdbctl delete interface[2]")) << removed;
   EXPECT_EQ(1, removed["summary"]["delete"].asInt());
-  EXPECT_TRUE(removed["comment"].isNull());
+  EXPECT_EQ("drop it", removed["comment"].asString());
+  EXPECT_TRUE(h["revisions"][1]["comment"].isNull());
   EXPECT_EQ("{\n  \"action\": 0,", run(kCtl + " show 4 policy[allow-web] --domain east", &st).substr(0, 16));
   EXPECT_EQ("appliance", dump()["global"]["system"]["hostname"].asString());  // not written at 4: the default
 

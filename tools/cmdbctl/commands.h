@@ -32,6 +32,7 @@ struct Options {
   std::string schema;  // overrides the schema copy kept beside the region
   bool direct = false;  // write the region itself even when cmdbd keeps it
   std::string socket;   // cmdbd's socket, when not the default
+  std::string comment;  // -m of a writing command: kept with its revision
 };
 
 // `write_group` non-empty: the region is closed to all but root and that group.

@@ -56,7 +56,8 @@ int send(const Options& o, const Json::Value& ops, const std::string& done,
          const config::JsonDocument* source = nullptr) {
   auto c = connect(o);
   uint64_t rev = 0;
-  int r = gk_client_commit_json(c.get(), to_json_text(ops).c_str(), nullptr, &rev);
+  int r = gk_client_commit_json(c.get(), to_json_text(ops).c_str(), o.comment.empty() ? nullptr : o.comment.c_str(),
+                                &rev);
   if (r == 1) fail(source != nullptr ? source->locate(gk_client_error(c.get())) : gk_client_error(c.get()));
   if (r != 0)
     fail(format("cmdbd did not answer (%s): whether the change was made, 'cmdbctl status' and 'cmdbctl dump' tell",
