@@ -69,14 +69,9 @@ int exchange(gk_client* c, const std::string& request, std::string* answer) {
   return 0;
 }
 
-int commit(gk_client* c, Json::Value ops, const std::string& comment, uint64_t* revision) {
-  clear_error(c);
-  if (!ops.isArray() || ops.empty()) return failed(c, EINVAL);
-  Json::Value req(Json::objectValue);
-  req["request"] = "commit";
+// A request that changes the configuration; 0 done, 1 refused, -1 failed.
+int change(gk_client* c, Json::Value req, uint64_t* revision) {
   req["id"] = Json::UInt64(c->next_id++);
-  req["operations"] = std::move(ops);
-  if (!comment.empty()) req["comment"] = comment;
   std::string text;
   if (exchange(c, compact(req), &text) != 0) return -1;
   Json::Value a;
@@ -89,6 +84,26 @@ int commit(gk_client* c, Json::Value ops, const std::string& comment, uint64_t* 
   c->error_index = a["index"].isInt() ? a["index"].asInt() : -1;
   c->error_path = a["path"].isString() ? a["path"].asString() : "";
   return 1;
+}
+
+int commit(gk_client* c, Json::Value ops, const std::string& comment, uint64_t* revision) {
+  clear_error(c);
+  if (!ops.isArray() || ops.empty()) return failed(c, EINVAL);
+  Json::Value req(Json::objectValue);
+  req["request"] = "commit";
+  req["operations"] = std::move(ops);
+  if (!comment.empty()) req["comment"] = comment;
+  return change(c, std::move(req), revision);
+}
+
+// A request whose answer the caller reads as text.
+int ask(gk_client* c, const Json::Value& req, char** answer) {
+  clear_error(c);
+  std::string text;
+  if (exchange(c, compact(req), &text) != 0) return -1;
+  *answer = strdup(text.c_str());
+  if (*answer == nullptr) return failed(c, ENOMEM);
+  return 0;
 }
 
 // Consecutive sets of one path and domain become one operation.
@@ -309,6 +324,63 @@ int gk_client_request(gk_client* c, const char* request_json, char** answer) noe
     *answer = strdup(text.c_str());
     if (*answer == nullptr) return failed(c, ENOMEM);
     return 0;
+  });
+}
+
+int gk_client_history(gk_client* c, uint64_t limit, char** answer) noexcept {
+  if (c == nullptr || answer == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  return guarded([&] {
+    Json::Value req(Json::objectValue);
+    req["request"] = "history";
+    if (limit != 0) req["limit"] = Json::UInt64(limit);
+    return ask(c, req, answer);
+  });
+}
+
+int gk_client_show(gk_client* c, uint64_t revision, const char* domain, const char* path, char** answer) noexcept {
+  if (c == nullptr || answer == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  return guarded([&] {
+    Json::Value req(Json::objectValue);
+    req["request"] = "show";
+    req["revision"] = Json::UInt64(revision);
+    if (path != nullptr) req["path"] = path;
+    if (domain != nullptr) req["domain"] = domain;
+    return ask(c, req, answer);
+  });
+}
+
+int gk_client_diff(gk_client* c, int64_t from, int64_t to, char** answer) noexcept {
+  if (c == nullptr || answer == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  return guarded([&] {
+    Json::Value req(Json::objectValue);
+    req["request"] = "diff";
+    if (from >= 0) req["from"] = Json::UInt64(from);
+    if (to >= 0) req["to"] = Json::UInt64(to);
+    return ask(c, req, answer);
+  });
+}
+
+int gk_client_rollback(gk_client* c, uint64_t revision, const char* comment, uint64_t* new_revision) noexcept {
+  if (c == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  return guarded([&] {
+    clear_error(c);
+    Json::Value req(Json::objectValue);
+    req["request"] = "rollback";
+    req["revision"] = Json::UInt64(revision);
+    if (comment != nullptr && *comment != '\0') req["comment"] = comment;
+    return change(c, std::move(req), new_revision);
   });
 }
 

@@ -3,6 +3,8 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <map>
+#include <set>
 #include <memory>
 
 namespace cmdbd {
@@ -153,7 +155,130 @@ Json::Value canonical(const Json::Value& v) {
   return out;
 }
 
+// Entries of a table by their key's text; objects that are not entries of a
+// table have no key.
+std::map<std::string, const Json::Value*> by_key(const Json::Value& rows, const std::string& key_attr) {
+  std::map<std::string, const Json::Value*> out;
+  if (rows.isArray())
+    for (const Json::Value& r : rows) out[key_text(r[key_attr])] = &r;
+  return out;
+}
+
+struct Differ {
+  const Engine& engine;
+  Json::Value* out;
+  std::string domain;
+
+  // One object or entry at `path` (a or b null when it is absent there), its
+  // fields and then its children.
+  void node(std::vector<std::string>* names, const std::string& path, const Json::Value* a, const Json::Value* b) {
+    static const Json::Value none;
+    const Json::Value& av = a != nullptr ? *a : none;
+    const Json::Value& bv = b != nullptr ? *b : none;
+    std::set<std::string> members;
+    for (const Json::Value* v : {a, b})
+      if (v != nullptr && v->isObject())
+        for (const std::string& n : v->getMemberNames()) members.insert(n);
+    Json::Value fields(Json::objectValue);
+    std::vector<std::string> children;
+    for (const std::string& n : members) {
+      bool table = false;
+      std::string key;
+      names->push_back(n);
+      bool child = engine.element(*names, &table, &key);
+      names->pop_back();
+      if (child) {
+        children.push_back(n);
+      } else if (to_text(av[n]) != to_text(bv[n])) {
+        fields[n]["old"] = av[n];
+        fields[n]["new"] = bv[n];
+      }
+    }
+    if (a == nullptr || b == nullptr || !fields.empty()) {
+      Json::Value rec(Json::objectValue);
+      rec["op"] = a == nullptr ? "insert" : b == nullptr ? "delete" : "update";
+      rec["domain"] = domain;
+      rec["path"] = path;
+      rec["fields"] = fields;
+      out->append(std::move(rec));
+    }
+    for (const std::string& n : children)
+      element(names, path.empty() ? n : path + "." + n, n, a != nullptr ? &av[n] : nullptr, b != nullptr ? &bv[n] : nullptr);
+  }
+
+  void element(std::vector<std::string>* names, const std::string& path, const std::string& name, const Json::Value* a,
+               const Json::Value* b) {
+    if (a != nullptr && a->isNull()) a = nullptr;
+    if (b != nullptr && b->isNull()) b = nullptr;
+    if (a == nullptr && b == nullptr) return;
+    bool table = false;
+    std::string key;
+    names->push_back(name);
+    engine.element(*names, &table, &key);
+    if (!table) {
+      node(names, path, a, b);
+    } else {
+      static const Json::Value no_rows(Json::arrayValue);
+      auto ra = by_key(a != nullptr ? *a : no_rows, key), rb = by_key(b != nullptr ? *b : no_rows, key);
+      for (auto& [k, row] : ra) {
+        auto it = rb.find(k);
+        node(names, path + "[" + k + "]", row, it != rb.end() ? it->second : nullptr);
+      }
+      for (auto& [k, row] : rb)
+        if (ra.count(k) == 0) node(names, path + "[" + k + "]", nullptr, row);
+    }
+    names->pop_back();
+  }
+
+  void context(const Json::Value* a, const Json::Value* b) {
+    std::set<std::string> tops;
+    for (const Json::Value* v : {a, b})
+      if (v != nullptr && v->isObject())
+        for (const std::string& n : v->getMemberNames()) tops.insert(n);
+    std::vector<std::string> names;
+    for (const std::string& n : tops)
+      element(&names, n, n, a != nullptr && a->isMember(n) ? &(*a)[n] : nullptr,
+              b != nullptr && b->isMember(n) ? &(*b)[n] : nullptr);
+  }
+};
+
 }  // namespace
+
+Json::Value diff(const Engine& engine, const Json::Value& a, const Json::Value& b) {
+  Json::Value out(Json::arrayValue);
+  Differ d{engine, &out, "global"};
+  d.context(&a["global"], &b["global"]);
+  std::map<std::string, const Json::Value*> da, db;
+  for (const Json::Value& x : a["domains"]) da[x["name"].asString()] = &x;
+  for (const Json::Value& x : b["domains"]) db[x["name"].asString()] = &x;
+  auto domain_rec = [&](const char* op, const Json::Value& x) {
+    Json::Value rec(Json::objectValue);
+    rec["op"] = op;
+    rec["name"] = x["name"];
+    rec["id"] = x["id"];
+    out.append(std::move(rec));
+  };
+  std::set<std::string> names;
+  for (auto& [n, x] : da) names.insert(n);
+  for (auto& [n, x] : db) names.insert(n);
+  for (const std::string& n : names) {
+    auto ia = da.find(n), ib = db.find(n);
+    const Json::Value* xa = ia != da.end() ? ia->second : nullptr;
+    const Json::Value* xb = ib != db.end() ? ib->second : nullptr;
+    // A domain of another id is another domain under the same name.
+    if (xa != nullptr && xb != nullptr && to_text((*xa)["id"]) != to_text((*xb)["id"])) {
+      d.domain = n;
+      d.context(&(*xa)["config"], nullptr);
+      domain_rec("domain-remove", *xa);
+      xa = nullptr;
+    }
+    if (xa == nullptr) domain_rec("domain-add", *xb);
+    d.domain = n;
+    d.context(xa != nullptr ? &(*xa)["config"] : nullptr, xb != nullptr ? &(*xb)["config"] : nullptr);
+    if (xb == nullptr) domain_rec("domain-remove", *xa);
+  }
+  return out;
+}
 
 Json::Value empty_config() {
   Json::Value doc(Json::objectValue);

@@ -23,6 +23,15 @@ bool replay(const Engine& engine, const Json::Value& changes, Json::Value* doc, 
 // order and empty tables do not count.
 bool same_config(const Json::Value& a, const Json::Value& b);
 
+// The differences that take configuration `a` to `b`, field by field, as an
+// array of records in path order:
+//   {"op": "update"|"insert"|"delete", "domain": "global"|NAME, "path": "policy[p1]",
+//    "fields": {NAME: {"old": V|null, "new": V|null}}}
+//   {"op": "domain-add"|"domain-remove", "name": N, "id": I}
+// An inserted or deleted entry lists its fields; its children follow as
+// records of their own.
+Json::Value diff(const Engine& engine, const Json::Value& a, const Json::Value& b);
+
 // Compact JSON text, as the store keeps documents and change sets.
 std::string to_text(const Json::Value& v);
 // Strict parse of a JSON text (requests and what the store keeps); false with

@@ -9,6 +9,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <pwd.h>
+
 #include <algorithm>
 #include <set>
 
@@ -25,6 +27,10 @@ struct Daemon::Pending {
   Json::Value operations;
   std::string comment;
   Json::Value changes{Json::arrayValue};
+  // A rollback: the configuration to reach, and its revision. Its operations
+  // are made under the write lock, from what the region then holds.
+  Json::Value target;
+  uint64_t target_rev = 0;
 };
 
 namespace {
@@ -83,11 +89,59 @@ Json::Value operations_towards(const Json::Value& current, const Json::Value& ta
   return ops;
 }
 
+// A load keeps the objects its document leaves out, and a revision's document
+// leaves out the objects not written yet then: naming them empty resets them
+// to the schema's defaults, as they read then.
+void name_unwritten_objects(const Engine& engine, const Json::Value& current, Json::Value* target) {
+  auto fill = [&](const Json::Value& now, Json::Value* then) {
+    for (const std::string& n : now.getMemberNames()) {
+      bool table = false;
+      std::string key;
+      if (engine.element({n}, &table, &key) && !table && !then->isMember(n)) (*then)[n] = Json::Value(Json::objectValue);
+    }
+  };
+  fill(current["global"], &(*target)["global"]);
+  for (Json::Value& d : (*target)["domains"])
+    for (const Json::Value& c : current["domains"])
+      if (c["name"] == d["name"] && c["id"] == d["id"]) fill(c["config"], &d["config"]);
+}
+
 Json::Value refusal(const std::string& text) {
   Json::Value a(Json::objectValue);
   a["ok"] = false;
   a["error"] = text;
   return a;
+}
+
+std::string user_name(uid_t uid) {
+  passwd pw, *found = nullptr;
+  char buf[1024];
+  if (getpwuid_r(uid, &pw, buf, sizeof buf, &found) != 0 || found == nullptr) return std::to_string(uid);
+  return pw.pw_name;
+}
+
+// A revision number given in a request, or false with *error.
+bool revision_of(const Json::Value& msg, const char* name, uint64_t* rev, std::string* error) {
+  const Json::Value& v = msg[name];
+  if (v.isUInt64()) {
+    *rev = v.asUInt64();
+    return true;
+  }
+  *error = std::string("bad request: '") + name + "' is a revision number";
+  return false;
+}
+
+// What a change set did, counted by kind.
+Json::Value summary_of(const std::string& changes) {
+  Json::Value set, sum(Json::objectValue);
+  std::string ignored;
+  for (const char* k : {"insert", "update", "delete", "domain-add", "domain-rename", "domain-remove"}) sum[k] = 0;
+  if (!from_text(changes, &set, &ignored)) return sum;
+  for (const Json::Value& c : set) {
+    std::string op = c["op"].asString();
+    if (sum.isMember(op)) sum[op] = sum[op].asUInt() + 1;
+  }
+  return sum;
 }
 
 }  // namespace
@@ -382,8 +436,34 @@ void Daemon::handle(std::vector<Request>* batch) {
     }
     Json::Value id = msg["id"];
     std::string type = msg["request"].isString() ? msg["request"].asString() : "";
+    // Reads see the commits before them in the batch.
+    bool read = type == "status" || type == "history" || type == "show" || type == "diff";
+    if (read) commit_all(&work);
     if (type == "status") {
       answer(r, id, status());
+    } else if (type == "history") {
+      answer(r, id, history(msg));
+    } else if (type == "show") {
+      answer(r, id, show(msg));
+    } else if (type == "diff") {
+      answer(r, id, diff(msg));
+    } else if (type == "rollback") {
+      uint64_t rev = 0;
+      std::string err;
+      Pending p;
+      if (!may_write(r.peer)) {
+        answer(r, id, refusal("permission denied"));
+      } else if (msg.isMember("comment") && !msg["comment"].isString()) {
+        answer(r, id, refusal("bad request: 'comment' is a string"));
+      } else if (!revision_of(msg, "revision", &rev, &err) || config_at(rev, &p.target, &err) != 0) {
+        answer(r, id, refusal(err));
+      } else {
+        p.req = std::move(r);
+        p.id = id;
+        p.target_rev = rev;
+        p.comment = msg["comment"].asString();
+        work.push_back(std::move(p));
+      }
     } else if (type != "commit") {
       answer(r, id, refusal(type.empty() ? "bad request: no 'request'" : "unknown request '" + type + "'"));
     } else if (!may_write(r.peer)) {
@@ -401,11 +481,124 @@ void Daemon::handle(std::vector<Request>* batch) {
       work.push_back(std::move(p));
     }
   }
-  for (size_t i = 0; i < work.size(); i += kMaxBatch) {
-    std::vector<Pending> part(std::make_move_iterator(work.begin() + static_cast<long>(i)),
-                              std::make_move_iterator(work.begin() + static_cast<long>(std::min(work.size(), i + kMaxBatch))));
+  commit_all(&work);
+}
+
+void Daemon::commit_all(std::vector<Pending>* work) {
+  for (size_t i = 0; i < work->size(); i += kMaxBatch) {
+    std::vector<Pending> part(std::make_move_iterator(work->begin() + static_cast<long>(i)),
+                              std::make_move_iterator(work->begin() + static_cast<long>(std::min(work->size(), i + kMaxBatch))));
     commit_batch(&part);
   }
+  work->clear();
+}
+
+int Daemon::config_at(uint64_t rev, Json::Value* doc, std::string* error) {
+  std::string snapshot;
+  uint64_t snap_rev = 0;
+  std::vector<std::string> after;
+  if (store_->at(rev, &snapshot, &snap_rev, &after, error) != 0) return -1;
+  if (!from_text(snapshot, doc, error)) {
+    *error = store_->path() + ": snapshot " + std::to_string(snap_rev) + ": " + *error;
+    return -1;
+  }
+  for (size_t i = 0; i < after.size(); ++i) {
+    Json::Value changes;
+    if (!from_text(after[i], &changes, error) || !replay(*engine_, changes, doc, error)) {
+      *error = store_->path() + ": revision " + std::to_string(snap_rev + 1 + i) + ": " + *error;
+      return -1;
+    }
+  }
+  return 0;
+}
+
+Json::Value Daemon::history(const Json::Value& msg) {
+  uint64_t limit = 0;
+  std::string err;
+  if (msg.isMember("limit") && !revision_of(msg, "limit", &limit, &err)) return refusal("bad request: 'limit' is a count");
+  std::vector<Revision> revs;
+  if (store_->revisions(limit, &revs, &err) != 0) return refusal(err);
+  Json::Value a(Json::objectValue);
+  a["ok"] = true;
+  a["revision"] = Json::UInt64(store_->last_revision());
+  a["oldest_kept"] = Json::UInt64(store_->oldest_reachable());
+  a["revisions"] = Json::Value(Json::arrayValue);
+  for (const Revision& r : revs) {
+    Json::Value v(Json::objectValue);
+    v["revision"] = Json::UInt64(r.rev);
+    v["time"] = r.time;
+    v["uid"] = static_cast<Json::UInt>(r.uid);
+    v["user"] = user_name(r.uid);
+    v["pid"] = static_cast<int>(r.pid);
+    v["command"] = r.command;
+    v["comment"] = r.comment.empty() ? Json::Value() : Json::Value(r.comment);
+    v["kind"] = r.kind;
+    v["summary"] = summary_of(r.changes);
+    a["revisions"].append(std::move(v));
+  }
+  return a;
+}
+
+Json::Value Daemon::show(const Json::Value& msg) {
+  uint64_t rev = 0;
+  std::string err;
+  Json::Value doc;
+  if (!revision_of(msg, "revision", &rev, &err) || config_at(rev, &doc, &err) != 0) return refusal(err);
+  Json::Value a(Json::objectValue);
+  a["ok"] = true;
+  a["revision"] = Json::UInt64(rev);
+  std::string path = msg["path"].asString(), domain = msg["domain"].asString();
+  if (path.empty()) {
+    a["config"] = std::move(doc);
+    return a;
+  }
+  // The context, then each step of the path down from it.
+  const Json::Value* at = &doc["global"];
+  if (!domain.empty() && domain != "global") {
+    at = nullptr;
+    for (const Json::Value& d : doc["domains"])
+      if (d["name"].asString() == domain) at = &d["config"];
+    if (at == nullptr) return refusal("revision " + std::to_string(rev) + " has no domain '" + domain + "'");
+  }
+  std::vector<PathStep> steps;
+  std::string attr;
+  if (!engine_->parse_path(path, &steps, &err)) {
+    size_t dot = path.rfind('.');
+    if (dot == std::string::npos || !engine_->parse_path(path.substr(0, dot), &steps, &err)) return refusal(err);
+    attr = path.substr(dot + 1);
+  }
+  static const Json::Value absent;
+  for (const PathStep& s : steps) {
+    at = at->isMember(s.name) ? &(*at)[s.name] : &absent;
+    if (!s.table || !s.key) continue;
+    const Json::Value* row = &absent;
+    for (const Json::Value& e : *at) {
+      Json::Value k = e[s.key_attr];
+      if ((k.isString() ? k.asString() : to_text(k)) == *s.key) row = &e;
+    }
+    at = row;
+  }
+  if (!attr.empty()) at = at->isObject() && at->isMember(attr) ? &(*at)[attr] : &absent;
+  if (at->isNull()) return refusal("revision " + std::to_string(rev) + " has no " + path);
+  a["path"] = path;
+  a["value"] = *at;
+  return a;
+}
+
+Json::Value Daemon::diff(const Json::Value& msg) {
+  uint64_t to = store_->last_revision(), from = 0;
+  std::string err;
+  if (msg.isMember("to") && !revision_of(msg, "to", &to, &err)) return refusal(err);
+  from = to > 0 ? to - 1 : 0;
+  if (msg.isMember("from") && !revision_of(msg, "from", &from, &err)) return refusal(err);
+  Json::Value a_doc, b_doc;
+  if (config_at(from, &a_doc, &err) != 0 || config_at(to, &b_doc, &err) != 0) return refusal(err);
+  Json::Value a(Json::objectValue);
+  a["ok"] = true;
+  a["from"] = Json::UInt64(from);
+  a["to"] = Json::UInt64(to);
+  a["differences"] = cmdbd::diff(*engine_, a_doc, b_doc);
+  return a;
 }
 
 void Daemon::commit_batch(std::vector<Pending>* work) {
@@ -422,6 +615,12 @@ void Daemon::commit_batch(std::vector<Pending>* work) {
   size_t records = 0;
   for (Pending& p : *work) {
     ApplyFailure f;
+    // A rollback is a load of the revision's whole document, as recovery does.
+    if (p.target.isObject()) {
+      Json::Value current = engine_->dump(true);
+      name_unwritten_objects(*engine_, current, &p.target);
+      p.operations = operations_towards(current, p.target);
+    }
     if (!engine_->apply(p.operations, &p.changes, &f)) {
       if (!engine_->aborted().empty()) {
         // The transaction is gone, and every request of the batch with it.
@@ -443,6 +642,10 @@ void Daemon::commit_batch(std::vector<Pending>* work) {
     r.pid = p.req.peer.pid;
     r.command = command_of(p.req.peer.pid);
     r.comment = p.comment;
+    if (p.target.isObject()) {
+      r.kind = "rollback";
+      if (r.comment.empty()) r.comment = "rollback to revision " + std::to_string(p.target_rev);
+    }
     r.changes = to_text(p.changes);
     records += p.changes.size();
     revs.push_back(std::move(r));

@@ -64,7 +64,15 @@ class Daemon {
   int reconcile(const Json::Value& target, std::string* error);
   int migrate(std::string* error);
   void commit_batch(std::vector<Pending>* work);
+  void commit_all(std::vector<Pending>* work);
   Json::Value status() const;
+  // The configuration as of revision `rev`: its snapshot and the change sets
+  // after it replayed.
+  int config_at(uint64_t rev, Json::Value* doc, std::string* error);
+  // The answers to the requests that read the store.
+  Json::Value history(const Json::Value& msg);
+  Json::Value show(const Json::Value& msg);
+  Json::Value diff(const Json::Value& msg);
   bool may_write(const Peer& p) const;
   void answer(const Request& r, const Json::Value& id, Json::Value a);
 

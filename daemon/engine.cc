@@ -105,6 +105,16 @@ class ConfigEngine final : public Engine {
     }
   }
 
+  bool element(const std::vector<std::string>& names, bool* table, std::string* key_attr) const override {
+    const Element* e = names.empty() ? nullptr : model_->top(names[0]);
+    for (size_t i = 1; e != nullptr && i < names.size(); ++i) e = e->child(names[i]);
+    if (e == nullptr) return false;
+    *table = e->table;
+    const config::Field* k = e->key();
+    *key_attr = k != nullptr ? k->name : "";
+    return true;
+  }
+
   std::vector<uint16_t> element_gids() const override {
     std::vector<uint16_t> gids;
     std::vector<const Element*> todo(model_->tops().begin(), model_->tops().end());

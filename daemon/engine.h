@@ -75,6 +75,9 @@ class Engine {
 
   // The steps of a change record's path, or false with *error.
   virtual bool parse_path(const std::string& path, std::vector<PathStep>* steps, std::string* error) const = 0;
+  // Whether the element reached by `names` (a top element, then children by
+  // name) exists; *table and *key_attr say what it is.
+  virtual bool element(const std::vector<std::string>& names, bool* table, std::string* key_attr) const = 0;
   // Gids of every table and object, for the reload events after a rebuild.
   virtual std::vector<uint16_t> element_gids() const = 0;
   // A document of another schema with what this one cannot hold left out:

@@ -337,4 +337,84 @@ int Store::latest(std::string* snapshot, uint64_t* snapshot_rev, std::vector<std
   return 0;
 }
 
+int Store::revisions(uint64_t limit, std::vector<Revision>* out, std::string* error) {
+  Statement q;
+  if (prepare("SELECT rev, time, uid, pid, command, comment, kind, changes FROM revisions ORDER BY rev DESC LIMIT ?",
+              q.out(), error) != 0)
+    return -1;
+  sqlite3_bind_int64(q.get(), 1, limit == 0 ? -1 : static_cast<sqlite3_int64>(limit));
+  out->clear();
+  int rc;
+  while ((rc = sqlite3_step(q.get())) == SQLITE_ROW) {
+    Revision r;
+    r.rev = static_cast<uint64_t>(sqlite3_column_int64(q.get(), 0));
+    r.time = column_text(q.get(), 1);
+    r.uid = static_cast<uid_t>(sqlite3_column_int64(q.get(), 2));
+    r.pid = static_cast<pid_t>(sqlite3_column_int64(q.get(), 3));
+    r.command = column_text(q.get(), 4);
+    r.comment = column_text(q.get(), 5);
+    r.kind = column_text(q.get(), 6);
+    r.changes = column_text(q.get(), 7);
+    out->push_back(std::move(r));
+  }
+  if (rc == SQLITE_DONE) return 0;
+  *error = sqlite_error("reading revisions");
+  return -1;
+}
+
+uint64_t Store::oldest_reachable() const {
+  Statement q;
+  if (sqlite3_prepare_v2(db_, "SELECT min(rev) FROM snapshots WHERE schema = ?", -1, q.out(), nullptr) != SQLITE_OK)
+    return last_rev_;
+  bind_text(q.get(), 1, schema_hash_);
+  if (sqlite3_step(q.get()) != SQLITE_ROW || sqlite3_column_type(q.get(), 0) == SQLITE_NULL) return last_rev_;
+  return static_cast<uint64_t>(sqlite3_column_int64(q.get(), 0));
+}
+
+int Store::at(uint64_t rev, std::string* snapshot, uint64_t* snapshot_rev, std::vector<std::string>* changes,
+              std::string* error) {
+  if (rev > last_rev_) {
+    *error = "there is no revision " + std::to_string(rev) + " yet: the last is " + std::to_string(last_rev_);
+    return -1;
+  }
+  uint64_t oldest = oldest_reachable();
+  if (rev < oldest) {
+    *error = "revision " + std::to_string(rev) + " is no longer kept: the oldest kept is " + std::to_string(oldest);
+    return -1;
+  }
+  Statement s, c;
+  if (prepare("SELECT rev, config FROM snapshots WHERE rev <= ? AND schema = ? ORDER BY rev DESC LIMIT 1", s.out(),
+              error) != 0)
+    return -1;
+  sqlite3_bind_int64(s.get(), 1, static_cast<sqlite3_int64>(rev));
+  bind_text(s.get(), 2, schema_hash_);
+  if (sqlite3_step(s.get()) != SQLITE_ROW) {
+    *error = path_ + " has no snapshot at or before revision " + std::to_string(rev);
+    return -1;
+  }
+  *snapshot_rev = static_cast<uint64_t>(sqlite3_column_int64(s.get(), 0));
+  *snapshot = column_text(s.get(), 1);
+  if (prepare("SELECT rev, changes FROM revisions WHERE rev > ? AND rev <= ? ORDER BY rev", c.out(), error) != 0)
+    return -1;
+  sqlite3_bind_int64(c.get(), 1, static_cast<sqlite3_int64>(*snapshot_rev));
+  sqlite3_bind_int64(c.get(), 2, static_cast<sqlite3_int64>(rev));
+  changes->clear();
+  uint64_t expect = *snapshot_rev + 1;
+  int rc;
+  while ((rc = sqlite3_step(c.get())) == SQLITE_ROW) {
+    if (static_cast<uint64_t>(sqlite3_column_int64(c.get(), 0)) != expect++) break;
+    changes->push_back(column_text(c.get(), 1));
+  }
+  if (rc != SQLITE_ROW && rc != SQLITE_DONE) {
+    *error = sqlite_error("reading revisions");
+    return -1;
+  }
+  if (expect != rev + 1) {
+    *error = path_ + ": revisions between snapshot " + std::to_string(*snapshot_rev) + " and " + std::to_string(rev) +
+             " are missing";
+    return -1;
+  }
+  return 0;
+}
+
 }  // namespace cmdbd

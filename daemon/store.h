@@ -84,6 +84,18 @@ class Store {
   int latest(std::string* snapshot, uint64_t* snapshot_rev, std::vector<std::string>* changes_after,
              std::string* error);
 
+  // The newest `limit` revisions (0: all kept), newest first, change sets included.
+  int revisions(uint64_t limit, std::vector<Revision>* out, std::string* error);
+  // The oldest revision whose configuration can be rebuilt: that of the
+  // oldest snapshot in the current schema (older ones need another schema's
+  // paths, and pruned revisions cannot be replayed).
+  uint64_t oldest_reachable() const;
+  // What rebuilds the configuration as of `rev`: the newest snapshot at or
+  // before it and the change sets after the snapshot up to `rev`, oldest
+  // first. -1 with *error naming oldest_reachable() when `rev` is older.
+  int at(uint64_t rev, std::string* snapshot, uint64_t* snapshot_rev, std::vector<std::string>* changes,
+         std::string* error);
+
  private:
   Store() = default;
   int exec(const char* sql, std::string* error);

@@ -91,6 +91,28 @@ GK_CLIENT_API int gk_client_commit_json(gk_client *c, const char *operations_jso
  * -1 with errno as for gk_client_commit. */
 GK_CLIENT_API int gk_client_request(gk_client *c, const char *request_json, char **answer) GK_CLIENT_NOEXCEPT;
 
+/* Revisions (docs/daemon.md). Each stores cmdbd's answer as JSON text in
+ * *answer (free it with free()) and returns 0 when an answer came, whatever it
+ * says ("ok": false with "error" when refused), or -1 with errno as for
+ * gk_client_commit.
+ *
+ * The newest `limit` revisions (0: all kept), newest first, with who made
+ * each and what it changed, and "oldest_kept": how far back show, diff and
+ * rollback reach. */
+GK_CLIENT_API int gk_client_history(gk_client *c, uint64_t limit, char **answer) GK_CLIENT_NOEXCEPT;
+/* The configuration as of `revision` ("config"), or with `path` non-NULL what
+ * the path names in `domain` (NULL: the global context) then ("value"). */
+GK_CLIENT_API int gk_client_show(gk_client *c, uint64_t revision, const char *domain, const char *path,
+                                 char **answer) GK_CLIENT_NOEXCEPT;
+/* The field-level differences from revision `from` to `to` ("differences");
+ * a negative `from` is the revision before `to`, a negative `to` the last. */
+GK_CLIENT_API int gk_client_diff(gk_client *c, int64_t from, int64_t to, char **answer) GK_CLIENT_NOEXCEPT;
+/* Makes the configuration that of `revision` again, as a new revision with
+ * `comment` (NULL: "rollback to revision N"), all or nothing. Returns as
+ * gk_client_commit does. */
+GK_CLIENT_API int gk_client_rollback(gk_client *c, uint64_t revision, const char *comment,
+                                     uint64_t *new_revision) GK_CLIENT_NOEXCEPT;
+
 /* The text of the last refusal or failure on this connection ("" when none),
  * valid until the next call on it. */
 GK_CLIENT_API const char *gk_client_error(const gk_client *c) GK_CLIENT_NOEXCEPT;

@@ -32,6 +32,7 @@ struct Options {
   std::string schema;  // overrides the schema copy kept beside the region
   bool direct = false;  // write the region itself even when cmdbd keeps it
   std::string socket;   // cmdbd's socket, when not the default
+  std::string comment;  // -m of a writing command: kept with its revision
 };
 
 // `write_group` non-empty: the region is closed to all but root and that group.
@@ -87,6 +88,13 @@ int cmdbd_load(const Options& o, const std::string& file, bool merge, size_t max
 // failure otherwise.
 size_t max_size_option(const std::string& text);
 int cmd_status(const Options& o);
+// Revisions, through cmdbd: the newest `limit` (0: all kept), the
+// configuration as of one, the differences between two (default: the one
+// before the last, and the last), and a rollback as a new revision.
+int cmd_history(const Options& o, uint64_t limit);
+int cmd_show(const Options& o, uint64_t rev, const std::string& path, const std::string& domain);
+int cmd_diff(const Options& o, std::optional<uint64_t> from, std::optional<uint64_t> to);
+int cmd_rollback(const Options& o, uint64_t rev, const std::string& comment);
 // Any request of operations through cmdbd; prints `done` and the revision.
 int cmdbd_request(const Options& o, const Json::Value& operations, const std::string& done);
 // Runs `command` (default: the user's shell) in a fresh sandbox and exits with its status.

@@ -56,7 +56,8 @@ int send(const Options& o, const Json::Value& ops, const std::string& done,
          const config::JsonDocument* source = nullptr) {
   auto c = connect(o);
   uint64_t rev = 0;
-  int r = gk_client_commit_json(c.get(), to_json_text(ops).c_str(), nullptr, &rev);
+  int r = gk_client_commit_json(c.get(), to_json_text(ops).c_str(), o.comment.empty() ? nullptr : o.comment.c_str(),
+                                &rev);
   if (r == 1) fail(source != nullptr ? source->locate(gk_client_error(c.get())) : gk_client_error(c.get()));
   if (r != 0)
     fail(format("cmdbd did not answer (%s): whether the change was made, 'cmdbctl status' and 'cmdbctl dump' tell",
@@ -156,6 +157,99 @@ int cmd_status(const Options& o) {
     printf("socket     %s\n", s["socket"].asCString());
   }
   return s["ready"].asBool() ? kExitOk : kExitFailed;
+}
+
+namespace {
+
+// One exchange through a client call that answers JSON text; a refusal fails.
+template <typename Fn>
+Json::Value ask(const Options& o, Fn fn) {
+  auto c = connect(o);
+  char* text = nullptr;
+  if (fn(c.get(), &text) != 0) fail(format("cmdbd did not answer: %s", strerror(errno)));
+  Json::Value a = parse(text, socket_of(o));
+  free(text);
+  if (!a["ok"].asBool()) fail(a["error"].asString());
+  a.removeMember("ok");
+  return a;
+}
+
+std::string value_text(const Json::Value& v) { return v.isNull() ? "(none)" : to_json_text(v, true); }
+
+// One line per difference: an entry inserted or deleted, or a field changed.
+void print_difference(const Json::Value& d) {
+  std::string op = d["op"].asString();
+  if (op == "domain-add" || op == "domain-remove") {
+    printf("domain %s: %s (id %s)\n", d["name"].asCString(), op == "domain-add" ? "added" : "removed",
+           value_text(d["id"]).c_str());
+    return;
+  }
+  std::string where = d["path"].asString() + (d["domain"].asString() == "global" ? "" : " in " + d["domain"].asString());
+  const Json::Value& fields = d["fields"];
+  if (op == "update") {
+    for (const std::string& f : fields.getMemberNames())
+      printf("%s: %s %s -> %s\n", where.c_str(), f.c_str(), value_text(fields[f]["old"]).c_str(),
+             value_text(fields[f]["new"]).c_str());
+    return;
+  }
+  std::string values;
+  for (const std::string& f : fields.getMemberNames())
+    if (op == "insert") values += (values.empty() ? " " : ", ") + f + "=" + value_text(fields[f]["new"]);
+  printf("%s: %s%s\n", where.c_str(), op == "insert" ? "inserted" : "deleted", values.c_str());
+}
+
+}  // namespace
+
+int cmd_history(const Options& o, uint64_t limit) {
+  Json::Value a = ask(o, [&](gk_client* c, char** t) { return gk_client_history(c, limit, t); });
+  if (o.json) {
+    printf("%s\n", to_json_text(a).c_str());
+    return kExitOk;
+  }
+  for (const Json::Value& r : a["revisions"]) {
+    const Json::Value& s = r["summary"];
+    std::string domains;
+    if (s["domain-add"].asUInt() + s["domain-rename"].asUInt() + s["domain-remove"].asUInt() != 0)
+      domains = format(", domains +%u ~%u -%u", s["domain-add"].asUInt(), s["domain-rename"].asUInt(),
+                       s["domain-remove"].asUInt());
+    printf("%-6llu %s  %s  pid %d  %s  +%u ~%u -%u%s  %s%s%s\n", static_cast<unsigned long long>(r["revision"].asUInt64()),
+           r["time"].asCString(), r["user"].asCString(), r["pid"].asInt(), r["kind"].asCString(), s["insert"].asUInt(),
+           s["update"].asUInt(), s["delete"].asUInt(), domains.c_str(), r["command"].asCString(),
+           r["comment"].isString() ? "  # " : "", r["comment"].isString() ? r["comment"].asCString() : "");
+  }
+  printf("history reaches back to revision %llu\n", static_cast<unsigned long long>(a["oldest_kept"].asUInt64()));
+  return kExitOk;
+}
+
+int cmd_show(const Options& o, uint64_t rev, const std::string& path, const std::string& domain) {
+  Json::Value a = ask(o, [&](gk_client* c, char** t) {
+    return gk_client_show(c, rev, domain.empty() ? nullptr : domain.c_str(), path.empty() ? nullptr : path.c_str(), t);
+  });
+  printf("%s\n", to_json_text(path.empty() ? a["config"] : a["value"]).c_str());
+  return kExitOk;
+}
+
+int cmd_diff(const Options& o, std::optional<uint64_t> from, std::optional<uint64_t> to) {
+  Json::Value a = ask(o, [&](gk_client* c, char** t) {
+    return gk_client_diff(c, from ? static_cast<int64_t>(*from) : -1, to ? static_cast<int64_t>(*to) : -1, t);
+  });
+  if (o.json) printf("%s\n", to_json_text(a).c_str());
+  else
+    for (const Json::Value& d : a["differences"]) print_difference(d);
+  return kExitOk;
+}
+
+int cmd_rollback(const Options& o, uint64_t rev, const std::string& comment) {
+  auto c = connect(o);
+  uint64_t made = 0;
+  int r = gk_client_rollback(c.get(), rev, comment.empty() ? nullptr : comment.c_str(), &made);
+  if (r == 1) fail(gk_client_error(c.get()));
+  if (r != 0)
+    fail(format("cmdbd did not answer (%s): whether the rollback was made, 'cmdbctl history' tells", strerror(errno)));
+  if (o.json) printf("{\n  \"revision\": %llu\n}\n", static_cast<unsigned long long>(made));
+  else printf("rolled back to revision %llu (revision %llu)\n", static_cast<unsigned long long>(rev),
+              static_cast<unsigned long long>(made));
+  return kExitOk;
 }
 
 }  // namespace cmdbctl

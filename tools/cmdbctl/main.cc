@@ -100,6 +100,21 @@ struct Command {
 
 [[noreturn]] void usage_error(const std::string& what) { throw Failure(what, kExitUsage); }
 
+// -m of the writing commands: a comment only cmdbd's store keeps.
+std::shared_ptr<std::string> message_option(CLI::App* c) {
+  auto m = std::make_shared<std::string>();
+  c->add_option("-m,--message", *m, "Comment kept with the revision (through cmdbd)");
+  return m;
+}
+
+// The options with the command's comment; a direct write has nowhere to keep it.
+Options with_comment(const Options& o, const std::string& comment, bool managed) {
+  if (!comment.empty() && !managed) usage_error("-m: only cmdbd keeps a comment, and this write does not go through it");
+  Options out = o;
+  out.comment = comment;
+  return out;
+}
+
 Runner define_create(CLI::App* c) {
   struct Args {
     std::string schema;
@@ -187,8 +202,10 @@ Runner define_get(CLI::App* c) {
 Runner define_set(CLI::App* c) {
   auto a = path_args(c, "OBJECT or TABLE[KEY], e.g. policy[p1]");
   c->add_option("assignments", a->assignments, "ATTR=VALUE ...")->required();
-  return [a](const Options& o) {
-    if (managed_by_cmdbd(o)) return cmdbd_set(o, a->path, a->assignments, a->domain);
+  auto m = message_option(c);
+  return [a, m](const Options& o) {
+    if (managed_by_cmdbd(o)) return cmdbd_set(with_comment(o, *m, true), a->path, a->assignments, a->domain);
+    with_comment(o, *m, false);
 #ifdef GK_CMDBCTL_WRITES
     return cmd_set(o, a->path, a->assignments, a->domain);
 #else
@@ -200,8 +217,10 @@ Runner define_set(CLI::App* c) {
 
 Runner define_delete(CLI::App* c) {
   auto a = path_args(c, "TABLE[KEY], e.g. policy[p1].rule[10]");
-  return [a](const Options& o) {
-    if (managed_by_cmdbd(o)) return cmdbd_delete(o, a->path, a->domain);
+  auto m = message_option(c);
+  return [a, m](const Options& o) {
+    if (managed_by_cmdbd(o)) return cmdbd_delete(with_comment(o, *m, true), a->path, a->domain);
+    with_comment(o, *m, false);
 #ifdef GK_CMDBCTL_WRITES
     return cmd_delete(o, a->path, a->domain);
 #else
@@ -219,9 +238,11 @@ Runner define_load(CLI::App* c) {
   c->add_flag("--merge", *merge, "Change only what the file names; remove nothing");
   c->add_option("--max-size", *max_size, "Refuse input longer than this (bytes, or with K, M or G)")
       ->capture_default_str();
-  return [file, merge, max_size](const Options& o) {
+  auto m = message_option(c);
+  return [file, merge, max_size, m](const Options& o) {
     const size_t max_bytes = max_size_option(*max_size);
-    if (managed_by_cmdbd(o)) return cmdbd_load(o, *file, *merge, max_bytes);
+    if (managed_by_cmdbd(o)) return cmdbd_load(with_comment(o, *m, true), *file, *merge, max_bytes);
+    with_comment(o, *m, false);
 #ifdef GK_CMDBCTL_WRITES
     return cmd_load(o, *file, *merge, max_bytes);
 #else
@@ -285,6 +306,39 @@ Runner define_status(CLI::App*) {
   return [](const Options& o) { return cmd_status(o); };
 }
 
+Runner define_history(CLI::App* c) {
+  auto limit = std::make_shared<uint64_t>(0);
+  c->add_option("--limit", *limit, "Only the newest N revisions (default: all kept)");
+  return [limit](const Options& o) { return cmd_history(o, *limit); };
+}
+
+Runner define_show(CLI::App* c) {
+  struct Args {
+    uint64_t rev = 0;
+    std::string path, domain;
+  };
+  auto a = std::make_shared<Args>();
+  c->add_option("revision", a->rev, "The revision")->required();
+  c->add_option("path", a->path, "Only what this path names, e.g. policy[p1] (default: the whole configuration)");
+  c->add_option("--domain", a->domain, "Domain of the path (default: the global context)");
+  return [a](const Options& o) { return cmd_show(o, a->rev, a->path, a->domain); };
+}
+
+Runner define_diff(CLI::App* c) {
+  auto from = std::make_shared<std::optional<uint64_t>>();
+  auto to = std::make_shared<std::optional<uint64_t>>();
+  c->add_option("from", *from, "The older revision (default: the one before the newer)");
+  c->add_option("to", *to, "The newer revision (default: the last)");
+  return [from, to](const Options& o) { return cmd_diff(o, *from, *to); };
+}
+
+Runner define_rollback(CLI::App* c) {
+  auto rev = std::make_shared<uint64_t>(0);
+  c->add_option("revision", *rev, "The revision whose configuration comes back")->required();
+  auto comment = message_option(c);
+  return [rev, comment](const Options& o) { return cmd_rollback(o, *rev, *comment); };
+}
+
 Runner define_sandbox(CLI::App* c) {
   // Everything after the first argument that is not one of ours is the command's.
   c->prefix_command();
@@ -318,6 +372,10 @@ const Command kCommands[] = {
     {"set", "Configuration", "Set attributes of an object or entry; a missing entry is created", define_set},
     {"delete", "Configuration", "Delete an entry and everything below it", define_delete},
     {"domain", "Configuration", "List, add, rename or remove domains", define_domain},
+    {"history", "Revisions", "The revisions cmdbd keeps: who changed what, when", define_history},
+    {"show", "Revisions", "Print the configuration as of a revision (or what a path named then)", define_show},
+    {"diff", "Revisions", "Field-level differences between two revisions (default: the last change)", define_diff},
+    {"rollback", "Revisions", "Make the configuration that of a revision again, as a new revision", define_rollback},
     {"watch", "Events", "Register for changes and print each event until SIGINT/SIGTERM", define_watch},
     {"schema", "Schemas", "Validate a schema file (check) or write its C header (header)", define_schema},
     {"completion", "Shell", "Print the bash completion script (bash), or the schema's tables (paths)",
