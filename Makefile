@@ -4,7 +4,7 @@ CMAKE_FLAGS ?=
 # Warnings are errors here and in CI; a plain cmake build only reports them.
 GK_CMAKE = -DGK_WERROR=ON $(CMAKE_FLAGS)
 
-.PHONY: all deps build demo test stress asan tsan memcheck bench fuzz lint format clean
+.PHONY: all deps build demo test stress asan tsan memcheck bench fuzz lint format package package-test clean
 
 all: build
 
@@ -85,6 +85,21 @@ memcheck:
 	  "-DGK_MEMCHECK=valgrind;--quiet;--vgdb=no;--error-exitcode=99;--leak-check=full;--errors-for-leak-kinds=definite,indirect;--child-silent-after-fork=yes;--trace-children=no"
 	cmake --build build-memcheck -j $(JOBS)
 	ctest --test-dir build-memcheck -j $(JOBS) --output-on-failure -L unit -E '$(MEMCHECK_EXCLUDE)'
+
+# Debian packages in build-package/, checked by lintian (errors fail).
+package:
+	@scripts/install-deps package
+	cmake -S . -B build-package -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_INSTALL_PREFIX=/usr \
+	  -DCMAKE_SKIP_INSTALL_RPATH=ON -DGK_TESTS=OFF -DGK_PACKAGE=ON $(CMAKE_FLAGS)
+	cmake --build build-package -j $(JOBS)
+	cd build-package && cpack -G DEB >/dev/null && ls -1 *.deb *.ddeb 2>/dev/null
+	lintian --fail-on error build-package/*.deb
+
+# The packages installed into a fresh Debian 12 root (mmdebstrap, from the
+# package registry), then used there: sandbox, create, a consumer build.
+package-test: package
+	@scripts/install-deps package-test
+	scripts/package-test build-package
 
 lint: build
 	@scripts/install-deps lint

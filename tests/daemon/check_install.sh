@@ -9,7 +9,7 @@ trap 'rm -rf "$tmp"' EXIT
 prefix=$tmp/prefix
 cmake --install "$build" --prefix "$prefix" >/dev/null
 for f in include/gikraidrum/client.h sbin/cmdbd lib/systemd/system/cmdbd.service lib/tmpfiles.d/cmdb.conf \
-         lib/sysusers.d/cmdb.conf share/man/man8/cmdbd.8; do
+         lib/sysusers.d/cmdb.conf share/man/man8/cmdbd.8.gz; do
   [ -e "$prefix/$f" ] || { echo "not installed: $f" >&2; exit 1; }
 done
 libdir=$(dirname "$(find "$prefix" -name 'libgikraidrum-client.so.1')")
