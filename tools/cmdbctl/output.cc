@@ -174,34 +174,6 @@ std::string JsonObject::text(bool compact) const {
   return join(items, true, compact);
 }
 
-std::string format(const char* fmt, ...) {
-  va_list ap;
-  va_start(ap, fmt);
-  char buf[512];
-  int n = vsnprintf(buf, sizeof buf, fmt, ap);
-  va_end(ap);
-  if (n < 0) return {};
-  if (static_cast<size_t>(n) < sizeof buf) return std::string(buf, static_cast<size_t>(n));
-  std::string s(static_cast<size_t>(n) + 1, '\0');
-  va_start(ap, fmt);
-  vsnprintf(s.data(), s.size(), fmt, ap);
-  va_end(ap);
-  s.resize(static_cast<size_t>(n));
-  return s;
-}
-
-std::string hex(const void* data, size_t len) {
-  static const char digits[] = "0123456789abcdef";
-  const auto* p = static_cast<const uint8_t*>(data);
-  std::string s;
-  s.reserve(len * 2);
-  for (size_t i = 0; i < len; ++i) {
-    s += digits[p[i] >> 4];
-    s += digits[p[i] & 15];
-  }
-  return s;
-}
-
 std::string count(uint64_t n, const char* singular, const char* plural) {
   std::string word = n == 1 ? singular : plural != nullptr ? plural : std::string(singular) + "s";
   return std::to_string(n) + " " + word;

@@ -11,6 +11,8 @@
 
 #include <json/json.h>
 
+#include "writer/text.h"
+
 namespace cmdbctl {
 
 // A command that cannot go on throws this; main prints "cmdbctl: <what>" on
@@ -64,9 +66,8 @@ class JsonObject {
   std::vector<Member> members_;
 };
 
-// printf into a std::string.
-std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
-std::string hex(const void* data, size_t len);
+using config::format;
+using config::hex;
 // "1 domain", "2 domains": `plural` defaults to `singular` + "s".
 std::string count(uint64_t n, const char* singular, const char* plural = nullptr);
 
