@@ -562,11 +562,7 @@ Json::Value Daemon::show(const Json::Value& msg) {
   }
   std::vector<PathStep> steps;
   std::string attr;
-  if (!engine_->parse_path(path, &steps, &err)) {
-    size_t dot = path.rfind('.');
-    if (dot == std::string::npos || !engine_->parse_path(path.substr(0, dot), &steps, &err)) return refusal(err);
-    attr = path.substr(dot + 1);
-  }
+  if (!engine_->parse_path(path, &steps, &err, &attr)) return refusal(err);
   static const Json::Value absent;
   for (const PathStep& s : steps) {
     at = at->isMember(s.name) ? &(*at)[s.name] : &absent;

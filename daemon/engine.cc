@@ -85,9 +85,11 @@ class ConfigEngine final : public Engine {
     return w_.reset() < 0 ? failed(-EIO, error) : 0;
   }
 
-  bool parse_path(const std::string& path, std::vector<PathStep>* steps, std::string* error) const override {
+  bool parse_path(const std::string& path, std::vector<PathStep>* steps, std::string* error,
+                  std::string* field) const override {
     try {
       Path p = config::parse_path(*model_, path);
+      if (field != nullptr) *field = p.field != nullptr ? p.field->name : "";
       steps->clear();
       for (const config::PathStep& s : p.steps) {
         PathStep out;

@@ -73,8 +73,10 @@ class Engine {
   // on the emptied region. 0, or -1 with *error and no transaction.
   virtual int reset(std::string* error) = 0;
 
-  // The steps of a change record's path, or false with *error.
-  virtual bool parse_path(const std::string& path, std::vector<PathStep>* steps, std::string* error) const = 0;
+  // The steps of a change record's path, or false with *error; *field gets a
+  // trailing attribute's name ("" when the path ends at an element).
+  virtual bool parse_path(const std::string& path, std::vector<PathStep>* steps, std::string* error,
+                          std::string* field = nullptr) const = 0;
   // Whether the element reached by `names` (a top element, then children by
   // name) exists; *table and *key_attr say what it is.
   virtual bool element(const std::vector<std::string>& names, bool* table, std::string* key_attr) const = 0;

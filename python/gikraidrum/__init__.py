@@ -290,6 +290,41 @@ class Client:
         """What cmdbd says of itself: revision, schema, store, pending confirmation."""
         return self.request({"request": "status"})
 
+    def history(self, limit: int = 0) -> List[Dict[str, Any]]:
+        """The newest `limit` revisions (0: all kept), newest first: revision,
+        time, uid, user, pid, command, comment, kind and a summary of counts."""
+        req: Dict[str, Any] = {"request": "history"}
+        if limit:
+            req["limit"] = limit
+        return list(self.request(req)["revisions"])
+
+    def show(self, revision: int, path: Optional[str] = None, domain: Optional[str] = None) -> Any:
+        """The configuration as of `revision` (a dump document), or what `path` named then."""
+        req: Dict[str, Any] = {"request": "show", "revision": revision}
+        if path is not None:
+            req["path"] = path
+        if domain is not None:
+            req["domain"] = domain
+        a = self.request(req)
+        return a["value"] if path is not None else a["config"]
+
+    def diff(self, from_rev: Optional[int] = None, to_rev: Optional[int] = None) -> List[Dict[str, Any]]:
+        """Field-level differences from one revision to another (by default the
+        last revision against the one before it)."""
+        req: Dict[str, Any] = {"request": "diff"}
+        if from_rev is not None:
+            req["from"] = from_rev
+        if to_rev is not None:
+            req["to"] = to_rev
+        return list(self.request(req)["differences"])
+
+    def rollback(self, revision: int, comment: Optional[str] = None) -> int:
+        """Makes the configuration equal to `revision`'s as a new revision; its number."""
+        req: Dict[str, Any] = {"request": "rollback", "revision": revision}
+        if comment is not None:
+            req["comment"] = comment
+        return int(self.request(req)["revision"])
+
 
 def _op(kind: str, path: str, domain: Optional[str], **more: Any) -> Dict[str, Any]:
     op: Dict[str, Any] = {"op": kind, "path": path}

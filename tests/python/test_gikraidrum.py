@@ -127,6 +127,13 @@ class ClientTest(unittest.TestCase):
             with gikraidrum.Region() as r:
                 self.assertEqual(9000, r.get("interface[4].mtu"))
             self.assertEqual(rev + 1, c.delete("interface[4]"))
+            # The revisions as the wrappers decode them, back to the set.
+            self.assertEqual([rev + 1, rev], [h["revision"] for h in c.history(2)])
+            self.assertEqual("jumbo", c.history(2)[1]["comment"])
+            self.assertEqual(9000, c.show(rev, "interface[4].mtu"))
+            self.assertEqual(["delete"], [d["op"] for d in c.diff()])
+            self.assertEqual(rev + 2, c.rollback(rev))
+            self.assertEqual(c.show(rev), c.show(rev + 2))
 
 
 if __name__ == "__main__":
