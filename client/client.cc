@@ -28,6 +28,7 @@ struct gk_client {
 struct gk_txn {
   Json::Value ops{Json::arrayValue};
   std::string comment;
+  uint32_t confirm_s = 0;
 };
 
 namespace {
@@ -86,13 +87,14 @@ int change(gk_client* c, Json::Value req, uint64_t* revision) {
   return 1;
 }
 
-int commit(gk_client* c, Json::Value ops, const std::string& comment, uint64_t* revision) {
+int commit(gk_client* c, Json::Value ops, const std::string& comment, uint64_t* revision, uint32_t confirm_s = 0) {
   clear_error(c);
   if (!ops.isArray() || ops.empty()) return failed(c, EINVAL);
   Json::Value req(Json::objectValue);
   req["request"] = "commit";
   req["operations"] = std::move(ops);
   if (!comment.empty()) req["comment"] = comment;
+  if (confirm_s != 0) req["confirm"] = confirm_s;
   return change(c, std::move(req), revision);
 }
 
@@ -288,12 +290,21 @@ int gk_txn_comment(gk_txn* t, const char* text) noexcept {
   });
 }
 
+int gk_txn_confirm(gk_txn* t, uint32_t seconds) noexcept {
+  if (t == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  t->confirm_s = seconds;
+  return 0;
+}
+
 int gk_client_commit(gk_client* c, const gk_txn* t, uint64_t* revision) noexcept {
   if (c == nullptr || t == nullptr) {
     errno = EINVAL;
     return -1;
   }
-  return guarded([&] { return commit(c, t->ops, t->comment, revision); });
+  return guarded([&] { return commit(c, t->ops, t->comment, revision, t->confirm_s); });
 }
 
 int gk_client_commit_json(gk_client* c, const char* operations_json, const char* comment,
@@ -381,6 +392,19 @@ int gk_client_rollback(gk_client* c, uint64_t revision, const char* comment, uin
     req["revision"] = Json::UInt64(revision);
     if (comment != nullptr && *comment != '\0') req["comment"] = comment;
     return change(c, std::move(req), new_revision);
+  });
+}
+
+int gk_client_confirm(gk_client* c, uint64_t* revision) noexcept {
+  if (c == nullptr) {
+    errno = EINVAL;
+    return -1;
+  }
+  return guarded([&] {
+    clear_error(c);
+    Json::Value req(Json::objectValue);
+    req["request"] = "confirm";
+    return change(c, std::move(req), revision);
   });
 }
 

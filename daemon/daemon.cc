@@ -11,6 +11,8 @@
 
 #include <pwd.h>
 
+#include <limits.h>
+
 #include <algorithm>
 #include <set>
 
@@ -31,6 +33,10 @@ struct Daemon::Pending {
   // are made under the write lock, from what the region then holds.
   Json::Value target;
   uint64_t target_rev = 0;
+  bool dry_run = false;     // answered with the differences it would make, then undone
+  uint32_t confirm_s = 0;   // a confirmed commit: rolled back unless confirmed in this time
+  bool automatic = false;   // cmdbd's own rollback of a commit not confirmed in time
+  Json::Value differences;  // a dry run's
 };
 
 namespace {
@@ -128,6 +134,25 @@ bool revision_of(const Json::Value& msg, const char* name, uint64_t* rev, std::s
     return true;
   }
   *error = std::string("bad request: '") + name + "' is a revision number";
+  return false;
+}
+
+// The options every writing request may carry; false with *error.
+bool writing_options(const Json::Value& msg, std::string* comment, bool* dry_run, uint32_t* confirm_s,
+                     std::string* error) {
+  const Json::Value& c = msg["confirm"];
+  if (msg.isMember("comment") && !msg["comment"].isString()) {
+    *error = "bad request: 'comment' is a string";
+  } else if (msg.isMember("dry_run") && !msg["dry_run"].isBool()) {
+    *error = "bad request: 'dry_run' is true or false";
+  } else if (msg.isMember("confirm") && (!c.isUInt() || c.asUInt() < 1 || c.asUInt() > kMaxConfirmSeconds)) {
+    *error = "bad request: 'confirm' is a number of seconds from 1 to " + std::to_string(kMaxConfirmSeconds);
+  } else {
+    *comment = msg["comment"].asString();
+    *dry_run = msg["dry_run"].asBool();
+    *confirm_s = msg.isMember("confirm") ? c.asUInt() : 0;
+    return true;
+  }
   return false;
 }
 
@@ -386,10 +411,17 @@ int Daemon::start(std::string* error) {
       return -1;
     }
     if (migrate(error) != 0) return -1;
+    if (!store_->pending().empty()) {
+      log(kWarning, "the commit awaiting confirmation is kept: the schema changed under it");
+      if (store_->set_pending("", error) != 0) return -1;
+    }
   } else {
     bool created = false;
     if (open_region(&created, error) != 0 || open_store(created, error) != 0) return -1;
   }
+  // A deadline that passed while cmdbd was down: rolled back before anyone connects.
+  load_confirmation();
+  expire_confirmation();
   if (server_.listen(o_.socket, o_.write_gid, error) != 0) return -1;
   log(kNotice, "ready: revision %llu, schema %.12s, store %s, socket %s",
       static_cast<unsigned long long>(store_->last_revision()), schema_hash_.c_str(), store_->path().c_str(),
@@ -422,6 +454,12 @@ Json::Value Daemon::status() const {
   a["write_gid"] = static_cast<Json::UInt>(o_.write_gid);
   a["region_version"] = static_cast<Json::UInt>(cmdb.header->version);
   a["started"] = started_;
+  a["confirm"] = Json::Value();
+  if (!confirm_.isNull()) {
+    a["confirm"]["revision"] = confirm_["revision"];
+    a["confirm"]["rollback_to"] = confirm_["rollback_to"];
+    a["confirm"]["deadline"] = iso_time(confirm_["deadline_ms"].asInt64());
+  }
   return a;
 }
 
@@ -436,8 +474,8 @@ void Daemon::handle(std::vector<Request>* batch) {
     }
     Json::Value id = msg["id"];
     std::string type = msg["request"].isString() ? msg["request"].asString() : "";
-    // Reads see the commits before them in the batch.
-    bool read = type == "status" || type == "history" || type == "show" || type == "diff";
+    // Reads, and a confirmation, see the commits before them in the batch.
+    bool read = type == "status" || type == "history" || type == "show" || type == "diff" || type == "confirm";
     if (read) commit_all(&work);
     if (type == "status") {
       answer(r, id, status());
@@ -447,38 +485,29 @@ void Daemon::handle(std::vector<Request>* batch) {
       answer(r, id, show(msg));
     } else if (type == "diff") {
       answer(r, id, diff(msg));
-    } else if (type == "rollback") {
-      uint64_t rev = 0;
-      std::string err;
+    } else if (type == "confirm") {
+      answer(r, id, confirm(r));
+    } else if (type == "commit" || type == "rollback") {
       Pending p;
       if (!may_write(r.peer)) {
-        answer(r, id, refusal("permission denied"));
-      } else if (msg.isMember("comment") && !msg["comment"].isString()) {
-        answer(r, id, refusal("bad request: 'comment' is a string"));
-      } else if (!revision_of(msg, "revision", &rev, &err) || config_at(rev, &p.target, &err) != 0) {
-        answer(r, id, refusal(err));
+        err = "permission denied";
+      } else if (!writing_options(msg, &p.comment, &p.dry_run, &p.confirm_s, &err)) {
+      } else if (type == "rollback") {
+        if (revision_of(msg, "revision", &p.target_rev, &err)) config_at(p.target_rev, &p.target, &err);
+      } else if (!msg["operations"].isArray() || msg["operations"].empty()) {
+        err = "bad request: 'operations' is a non-empty array";
       } else {
-        p.req = std::move(r);
-        p.id = id;
-        p.target_rev = rev;
-        p.comment = msg["comment"].asString();
-        work.push_back(std::move(p));
+        p.operations = std::move(msg["operations"]);
       }
-    } else if (type != "commit") {
-      answer(r, id, refusal(type.empty() ? "bad request: no 'request'" : "unknown request '" + type + "'"));
-    } else if (!may_write(r.peer)) {
-      answer(r, id, refusal("permission denied"));
-    } else if (!msg["operations"].isArray() || msg["operations"].empty()) {
-      answer(r, id, refusal("bad request: 'operations' is a non-empty array"));
-    } else if (msg.isMember("comment") && !msg["comment"].isString()) {
-      answer(r, id, refusal("bad request: 'comment' is a string"));
-    } else {
-      Pending p;
+      if (!err.empty()) {
+        answer(r, id, refusal(err));
+        continue;
+      }
       p.req = std::move(r);
       p.id = id;
-      p.operations = std::move(msg["operations"]);
-      p.comment = msg["comment"].asString();
       work.push_back(std::move(p));
+    } else {
+      answer(r, id, refusal(type.empty() ? "bad request: no 'request'" : "unknown request '" + type + "'"));
     }
   }
   commit_all(&work);
@@ -601,42 +630,63 @@ void Daemon::commit_batch(std::vector<Pending>* work) {
   std::string err;
   pid_t dead = 0;
   if (engine_->begin(&dead, &err) != 0) {
-    for (Pending& p : *work) answer(p.req, p.id, refusal("cannot change the region: " + err));
+    for (Pending& p : *work)
+      if (p.req.conn != 0) answer(p.req, p.id, refusal("cannot change the region: " + err));
+    if (!work->empty() && work->front().automatic) log(kError, "cannot change the region: %s", err.c_str());
     return;
   }
   if (dead != 0) log(kWarning, "took back the change a writer (pid %d) left unfinished", dead);
+  auto abort_all = [&](const std::string& why) {
+    // The transaction is gone, and every request of the batch with it.
+    for (Pending& q : *work)
+      if (q.req.conn != 0) answer(q.req, q.id, refusal("nothing changed: " + why));
+    log(kError, "the region failed under a change: %s", why.c_str());
+  };
   // Each request is all or nothing on its own: apply() rolls back to where it began.
   std::vector<Pending*> changed;
   std::vector<Revision> revs;
   size_t records = 0;
+  // The confirmation awaited after the batch: any confirmed commit confirms
+  // the one before it, and awaits its own when it changed anything.
+  Json::Value confirm = confirm_;
+  bool confirm_changed = false;
+  const int64_t now = now_ms();
   for (Pending& p : *work) {
     ApplyFailure f;
+    Json::Value before;
+    if (p.dry_run || p.confirm_s != 0 || p.target.isObject()) before = engine_->dump(true);
     // A rollback is a load of the revision's whole document, as recovery does.
     if (p.target.isObject()) {
-      Json::Value current = engine_->dump(true);
-      name_unwritten_objects(*engine_, current, &p.target);
-      p.operations = operations_towards(current, p.target);
+      name_unwritten_objects(*engine_, before, &p.target);
+      p.operations = operations_towards(before, p.target);
     }
+    const int mark = p.dry_run ? engine_->mark() : 0;
     if (!engine_->apply(p.operations, &p.changes, &f)) {
-      if (!engine_->aborted().empty()) {
-        // The transaction is gone, and every request of the batch with it.
-        for (Pending& q : *work)
-          if (q.req.conn != 0) answer(q.req, q.id, refusal("nothing changed: " + f.reason));
-        return;
-      }
+      if (!engine_->aborted().empty()) return abort_all(f.reason);
       Json::Value a = refusal(f.path.empty() ? f.reason : f.path + ": " + f.reason);
+      if (p.automatic) log(kError, "rolling back to revision %llu: %s", static_cast<unsigned long long>(p.target_rev),
+                           a["error"].asCString());
       if (f.index >= 0) a["index"] = f.index;
       if (!f.path.empty()) a["path"] = f.path;
       a["reason"] = f.reason;
-      answer(p.req, p.id, std::move(a));
+      if (p.req.conn != 0) answer(p.req, p.id, std::move(a));
       p.req.conn = 0;
       continue;
     }
+    if (p.dry_run) {
+      p.differences = cmdbd::diff(*engine_, before, engine_->dump(true));
+      if (!engine_->rollback_to(mark)) return abort_all(engine_->aborted());
+      continue;
+    }
+    if (p.confirm_s != 0 || p.automatic) {
+      confirm = Json::Value();
+      confirm_changed = true;
+    }
     if (p.changes.empty()) continue;
     Revision r;
-    r.uid = p.req.peer.uid;
-    r.pid = p.req.peer.pid;
-    r.command = command_of(p.req.peer.pid);
+    r.uid = p.automatic ? ::getuid() : p.req.peer.uid;
+    r.pid = p.automatic ? ::getpid() : p.req.peer.pid;
+    r.command = command_of(r.pid);
     r.comment = p.comment;
     if (p.target.isObject()) {
       r.kind = "rollback";
@@ -646,14 +696,27 @@ void Daemon::commit_batch(std::vector<Pending>* work) {
     records += p.changes.size();
     revs.push_back(std::move(r));
     changed.push_back(&p);
+    if (p.confirm_s != 0) {
+      const uint64_t rev = store_->last_revision() + revs.size();
+      confirm = Json::Value(Json::objectValue);
+      confirm["revision"] = Json::UInt64(rev);
+      confirm["rollback_to"] = Json::UInt64(rev - 1);
+      confirm["deadline_ms"] = Json::Int64(now + int64_t{p.confirm_s} * 1000);
+      confirm["config"] = std::move(before);
+    }
   }
   bool saved = true;
-  if (!revs.empty()) {
-    std::string snapshot;
+  if (!revs.empty() || confirm_changed) {
+    std::string snapshot, pending;
     Extras extras;
-    if (store_->snapshot_due(revs.size()) || records_since_snapshot_ + records >= kSnapshotRecords) {
+    if (!revs.empty() &&
+        (store_->snapshot_due(revs.size()) || records_since_snapshot_ + records >= kSnapshotRecords)) {
       snapshot = to_text(engine_->dump(true));
       extras.snapshot = &snapshot;
+    }
+    if (confirm_changed) {
+      pending = confirm.isNull() ? "" : to_text(confirm);
+      extras.pending = &pending;
     }
     // WRITE LOCK held across the store's commit: nothing sees the region
     // change before the change is durable, and a failure rolls it back whole.
@@ -662,35 +725,100 @@ void Daemon::commit_batch(std::vector<Pending>* work) {
       engine_->rollback();
       saved = false;
     } else {
-      records_since_snapshot_ = extras.snapshot != nullptr ? 0 : records_since_snapshot_ + records;
+      if (!revs.empty()) records_since_snapshot_ = extras.snapshot != nullptr ? 0 : records_since_snapshot_ + records;
       cmdb.header->revision = static_cast<uint32_t>(store_->last_revision());
+      if (confirm_changed) confirm_ = std::move(confirm);
     }
   }
   if (saved && engine_->commit(&err) != 0) log(kError, "committing the region: %s", err.c_str());
   // WRITE UNLOCK; the changes are announced.
   size_t k = 0;
   for (Pending& p : *work) {
+    const Revision* rev = k < changed.size() && changed[k] == &p ? &revs[k++] : nullptr;
     if (p.req.conn == 0) continue;
-    bool has_rev = k < changed.size() && changed[k] == &p;
-    if (has_rev && !saved) {
+    if (!saved && (rev != nullptr || p.confirm_s != 0)) {
       answer(p.req, p.id, refusal("the store could not save the change, so nothing changed: " + err));
-      ++k;
       continue;
     }
     Json::Value a(Json::objectValue);
     a["ok"] = true;
-    a["revision"] = Json::UInt64(has_rev ? revs[k].rev : store_->last_revision());
+    a["revision"] = Json::UInt64(rev != nullptr ? rev->rev : store_->last_revision());
     a["changes"] = p.changes.size();
+    if (p.dry_run) {
+      a["dry_run"] = true;
+      a["differences"] = std::move(p.differences);
+    } else if (rev != nullptr && p.confirm_s != 0 && confirm_["revision"].asUInt64() == rev->rev) {
+      a["confirm_by"] = iso_time(confirm_["deadline_ms"].asInt64());
+    }
     answer(p.req, p.id, std::move(a));
-    if (has_rev) ++k;
   }
+}
+
+void Daemon::load_confirmation() {
+  confirm_ = Json::Value();
+  retry_ms_ = 0;
+  if (store_->pending().empty()) return;
+  std::string err;
+  if (!from_text(store_->pending(), &confirm_, &err) || !confirm_["config"].isObject() ||
+      !confirm_["deadline_ms"].isInt64()) {
+    log(kWarning, "%s: the commit awaiting confirmation cannot be read (%s): it stays", store_->path().c_str(),
+        err.c_str());
+    confirm_ = Json::Value();
+    return;
+  }
+  log(kNotice, "revision %llu awaits confirmation until %s",
+      static_cast<unsigned long long>(confirm_["revision"].asUInt64()),
+      iso_time(confirm_["deadline_ms"].asInt64()).c_str());
+}
+
+Json::Value Daemon::confirm(const Request& r) {
+  if (!may_write(r.peer)) return refusal("permission denied");
+  if (confirm_.isNull()) return refusal("no commit awaits confirmation");
+  const std::string deadline = iso_time(confirm_["deadline_ms"].asInt64());
+  const uint64_t rev = confirm_["revision"].asUInt64();
+  if (now_ms() >= confirm_["deadline_ms"].asInt64())
+    return refusal("too late: revision " + std::to_string(rev) + " was not confirmed by " + deadline +
+                   " and is being rolled back");
+  std::string err;
+  if (store_->set_pending("", &err) != 0) return refusal("the store could not save the confirmation: " + err);
+  log(kNotice, "revision %llu confirmed by uid %u", static_cast<unsigned long long>(rev), r.peer.uid);
+  confirm_ = Json::Value();
+  retry_ms_ = 0;
+  Json::Value a(Json::objectValue);
+  a["ok"] = true;
+  a["revision"] = Json::UInt64(rev);
+  return a;
+}
+
+int Daemon::expire_confirmation() {
+  if (confirm_.isNull()) return -1;
+  const int64_t deadline = confirm_["deadline_ms"].asInt64(), now = now_ms();
+  if (now < std::max(deadline, retry_ms_)) return static_cast<int>(std::min<int64_t>(std::max(deadline, retry_ms_) - now, INT_MAX));
+  const uint64_t rev = confirm_["revision"].asUInt64(), to = confirm_["rollback_to"].asUInt64(),
+                 last = store_->last_revision();
+  std::vector<Pending> work(1);
+  Pending& p = work[0];
+  p.automatic = true;
+  p.target = confirm_["config"];
+  p.target_rev = to;
+  p.comment = "revision " + std::to_string(rev) + " was not confirmed by " + iso_time(deadline) +
+              ": rolled back to revision " + std::to_string(to);
+  commit_batch(&work);
+  if (!confirm_.isNull()) {
+    retry_ms_ = now_ms() + 1000;  // a store or region failure, logged: try again
+    return 1000;
+  }
+  log(kNotice, "%s (%s)", p.comment.c_str(),
+      store_->last_revision() != last ? ("revision " + std::to_string(store_->last_revision())).c_str()
+                                      : "it held nothing else");
+  return -1;
 }
 
 int Daemon::serve(int stop_fd) {
   for (;;) {
     std::vector<Request> batch;
     bool stop = false;
-    server_.poll(-1, stop_fd, &stop, &batch);
+    server_.poll(expire_confirmation(), stop_fd, &stop, &batch);
     if (!batch.empty()) handle(&batch);
     if (stop) break;
   }

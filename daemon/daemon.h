@@ -25,6 +25,8 @@ inline constexpr size_t kMaxBatch = 256;
 // A snapshot is also due once this many change records follow the last one,
 // so that a restore never replays a large change set record by record.
 inline constexpr size_t kSnapshotRecords = 1024;
+// The longest wait a confirmed commit may ask for.
+inline constexpr uint32_t kMaxConfirmSeconds = 86400;
 
 struct Options {
   std::string schema;
@@ -54,6 +56,9 @@ class Daemon {
 
   // Handles a batch of requests, answering each (public for the benchmarks).
   void handle(std::vector<Request>* batch);
+  // Rolls back a confirmed commit whose deadline has passed. The
+  // milliseconds until the next deadline, or -1 when none is pending.
+  int expire_confirmation();
 
  private:
   struct Pending;
@@ -73,6 +78,11 @@ class Daemon {
   Json::Value history(const Json::Value& msg);
   Json::Value show(const Json::Value& msg);
   Json::Value diff(const Json::Value& msg);
+  Json::Value confirm(const Request& r);
+  // What a confirmed commit keeps in the store: its revision, the one before
+  // it, the deadline and the configuration then, which stays reachable
+  // whatever retention prunes.
+  void load_confirmation();
   bool may_write(const Peer& p) const;
   void answer(const Request& r, const Json::Value& id, Json::Value a);
 
@@ -84,6 +94,8 @@ class Daemon {
   Server server_;
   bool attached_ = false;
   size_t records_since_snapshot_ = 0;
+  Json::Value confirm_;      // the commit awaiting confirmation; null when none
+  int64_t retry_ms_ = 0;     // after a failed automatic rollback, when to try again
   std::string started_;
 };
 

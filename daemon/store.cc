@@ -59,16 +59,23 @@ int sync_dir(const std::string& dir) {
 
 }  // namespace
 
-std::string iso_time_now() {
+int64_t now_ms() {
   timespec ts;
   clock_gettime(CLOCK_REALTIME, &ts);
+  return int64_t{ts.tv_sec} * 1000 + ts.tv_nsec / 1000000;
+}
+
+std::string iso_time(int64_t ms) {
+  time_t s = static_cast<time_t>(ms / 1000);
   tm t;
-  gmtime_r(&ts.tv_sec, &t);
+  gmtime_r(&s, &t);
   char buf[40];
   size_t n = strftime(buf, sizeof buf, "%Y-%m-%dT%H:%M:%S", &t);
-  snprintf(buf + n, sizeof buf - n, ".%03ldZ", ts.tv_nsec / 1000000);
+  snprintf(buf + n, sizeof buf - n, ".%03dZ", static_cast<int>(ms % 1000));
   return buf;
 }
+
+std::string iso_time_now() { return iso_time(now_ms()); }
 
 std::string Store::sqlite_error(const char* what) const {
   return std::string(what) + ": " + sqlite3_errmsg(db_) + " (" + path_ + ")";
@@ -124,7 +131,8 @@ Store::~Store() {
 int Store::load_state(std::string* error) {
   Statement q;
   if (prepare("SELECT (SELECT value FROM meta WHERE key = 'format'), (SELECT value FROM meta WHERE key = 'schema'),"
-              " (SELECT max(rev) FROM revisions), (SELECT max(rev) FROM snapshots)",
+              " (SELECT max(rev) FROM revisions), (SELECT max(rev) FROM snapshots),"
+              " (SELECT value FROM meta WHERE key = 'confirm')",
               q.out(), error) != 0)
     return -1;
   if (sqlite3_step(q.get()) != SQLITE_ROW) {
@@ -137,6 +145,7 @@ int Store::load_state(std::string* error) {
     return -1;
   }
   schema_hash_ = column_text(q.get(), 1);
+  pending_ = column_text(q.get(), 4);
   last_snapshot_ = static_cast<uint64_t>(sqlite3_column_int64(q.get(), 3));
   last_rev_ = std::max(static_cast<uint64_t>(sqlite3_column_int64(q.get(), 2)), last_snapshot_);
   if (!schema_hash_.empty() && sqlite3_column_type(q.get(), 3) == SQLITE_NULL) {
@@ -236,6 +245,18 @@ int Store::write(std::vector<Revision>* revs, const Extras& extras, const std::s
       return -1;
     }
   }
+  if (extras.pending != nullptr) {
+    Statement q;
+    if (prepare(extras.pending->empty() ? "DELETE FROM meta WHERE key = 'confirm'"
+                                        : "INSERT OR REPLACE INTO meta (key, value) VALUES ('confirm', ?)",
+                q.out(), error) != 0)
+      return -1;
+    if (!extras.pending->empty()) bind_text(q.get(), 1, *extras.pending);
+    if (sqlite3_step(q.get()) != SQLITE_DONE) {
+      *error = sqlite_error("writing the pending confirmation");
+      return -1;
+    }
+  }
   if (extras.snapshot != nullptr) {
     Statement q;
     if (prepare("INSERT OR REPLACE INTO snapshots (rev, time, schema, config) VALUES (?, ?, ?, ?)", q.out(), error) != 0)
@@ -297,6 +318,7 @@ int Store::commit(std::vector<Revision>* revs, const Extras& extras, std::string
   }
   if (r == 0 && exec("COMMIT", error) == 0) {
     if (extras.schema_hash != nullptr) schema_hash_ = *extras.schema_hash;
+    if (extras.pending != nullptr) pending_ = *extras.pending;
     return 0;
   }
   last_rev_ = rev0;
@@ -306,6 +328,13 @@ int Store::commit(std::vector<Revision>* revs, const Extras& extras, std::string
   if (!sqlite3_get_autocommit(db_)) exec("ROLLBACK", &ignored);
   settle(&ignored);
   return -1;
+}
+
+int Store::set_pending(const std::string& text, std::string* error) {
+  std::vector<Revision> none;
+  Extras extras;
+  extras.pending = &text;
+  return commit(&none, extras, error);
 }
 
 int Store::latest(std::string* snapshot, uint64_t* snapshot_rev, std::vector<std::string>* changes_after,

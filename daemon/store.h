@@ -4,7 +4,8 @@
 // FULL: a commit has reached the disk when commit() returns 0. Plain tables,
 // documented in docs/daemon.md, so that sqlite3 on the file shows them:
 //
-//   meta(key, value)                 format, the current schema's hash, creation time
+//   meta(key, value)                 format, the current schema's hash, creation time,
+//                                    the commit awaiting confirmation
 //   schemas(hash, text, added)       every schema the configuration was kept in
 //   revisions(rev, time, uid, pid, command, comment, kind, changes)
 //   snapshots(rev, time, schema, config)
@@ -47,6 +48,7 @@ struct Extras {
   const std::string* snapshot = nullptr;     // the configuration after the last revision
   const std::string* schema_hash = nullptr;  // a schema the configuration moves to (with its text)
   const std::string* schema_text = nullptr;
+  const std::string* pending = nullptr;      // the confirmation awaited from now on ("": none)
 };
 
 class Store {
@@ -69,6 +71,11 @@ class Store {
   uint64_t last_snapshot() const { return last_snapshot_; }
   const std::string& schema_hash() const { return schema_hash_; }
   int schema_text(const std::string& hash, std::string* text, std::string* error);
+
+  // The confirmation awaited (a JSON text the store does not read; "" when
+  // none), and a transaction that changes only it.
+  const std::string& pending() const { return pending_; }
+  int set_pending(const std::string& text, std::string* error);
 
   // Revisions kept: at least `keep`, and always every one after the newest snapshot.
   void set_keep(uint32_t keep) { keep_ = keep < 1 ? 1 : keep; }
@@ -113,12 +120,15 @@ class Store {
   sqlite3_stmt* insert_rev_ = nullptr;
   std::string path_;
   std::string schema_hash_;
+  std::string pending_;
   uint64_t last_rev_ = 0, last_snapshot_ = 0;
   uint32_t keep_ = kDefaultKeep;
   bool unsettled_ = false;
 };
 
-// The time now as the store writes it.
+// The time now as the store writes it, and a time in ms since the epoch so.
 std::string iso_time_now();
+std::string iso_time(int64_t ms);
+int64_t now_ms();
 
 }  // namespace cmdbd

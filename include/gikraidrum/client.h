@@ -73,6 +73,11 @@ GK_CLIENT_API int gk_txn_domain_rename(gk_txn *t, const char *name, const char *
 GK_CLIENT_API int gk_txn_domain_remove(gk_txn *t, const char *name) GK_CLIENT_NOEXCEPT;
 /* A comment kept with the revision (NULL: none). 0, or -1 (ENOMEM). */
 GK_CLIENT_API int gk_txn_comment(gk_txn *t, const char *text) GK_CLIENT_NOEXCEPT;
+/* Makes the commit a confirmed one: unless gk_client_confirm() (or another
+ * confirmed commit) reaches cmdbd within `seconds` (1 to 86400; 0: an ordinary
+ * commit), cmdbd rolls the change back by itself, as a revision of its own.
+ * 0, or -1 (EINVAL). */
+GK_CLIENT_API int gk_txn_confirm(gk_txn *t, uint32_t seconds) GK_CLIENT_NOEXCEPT;
 
 /* Sends the transaction and waits for cmdbd's answer:
  *    0  committed and durable; *revision (when not NULL) is its revision, or
@@ -112,6 +117,13 @@ GK_CLIENT_API int gk_client_diff(gk_client *c, int64_t from, int64_t to, char **
  * gk_client_commit does. */
 GK_CLIENT_API int gk_client_rollback(gk_client *c, uint64_t revision, const char *comment,
                                      uint64_t *new_revision) GK_CLIENT_NOEXCEPT;
+/* Confirms the commit that awaits confirmation; *revision (when not NULL) is
+ * its revision. Returns as gk_client_commit does: 1 when none awaits (its
+ * deadline passed, and cmdbd rolled it back) or when refused.
+ *
+ * Dry runs, and confirmed or dry-run rollbacks, are flags of the requests
+ * ("dry_run", "confirm"): send them with gk_client_request(). */
+GK_CLIENT_API int gk_client_confirm(gk_client *c, uint64_t *revision) GK_CLIENT_NOEXCEPT;
 
 /* The text of the last refusal or failure on this connection ("" when none),
  * valid until the next call on it. */

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <random>
 
 #include "daemon/config_doc.h"
@@ -137,6 +138,91 @@ TEST_F(CmdbdRevisionsTest, HistoryDiffAndHowFarBack) {
   EXPECT_EQ(1, st);
   EXPECT_EQ(37u, status(c)["revision"].asUInt64());
   EXPECT_NE(std::string::npos, run(kCtl + " history", &st).find("history reaches back to revision 32"));
+}
+
+
+TEST_F(CmdbdRevisionsTest, DryRunsChangeNothingAndSayWhatWould) {
+  int st = 0;
+  ASSERT_EQ(0, commit(c, R"([{"op": "set", "path": "interface[1]", "values": {"mtu": 1400}},
+                             {"op": "set", "path": "interface[2]", "values": {"mtu": 1500}}])"));
+  run(kCtl + " dump > /tmp/file.json && sed -i 's/1500/1501/' /tmp/file.json", &st);
+  ASSERT_EQ(0, st);
+  auto store_bytes = [] { return run("cat /var/lib/cmdb/cmdb.sqlite /var/lib/cmdb/cmdb.sqlite-wal | md5sum"); };
+  const Json::Value s0 = status(c), before = dump();
+  const std::string bytes = store_bytes();
+  EXPECT_EQ("interface[1]: mtu 1400 -> 9000\ndry run: 1 changes, nothing applied (revision 1)\n",
+            run(kCtl + " set interface[1] mtu=9000 --dry-run -m no", &st, true));
+  EXPECT_EQ("interface[2]: mtu 1500 -> 1501\n", run(kCtl + " diff --file /tmp/file.json", &st, true));
+  for (const char* cmd : {" delete interface[1] --dry-run", " load /tmp/file.json --dry-run", " rollback 0 --dry-run"})
+    EXPECT_NE(std::string::npos, run(kCtl + cmd, &st, true).find("nothing applied")) << cmd;
+  EXPECT_NE(std::string::npos, run(kCtl + " set interface[1] mtu=lots --dry-run", &st, true).find("mtu"));
+  EXPECT_EQ(1, st);
+  const Json::Value s1 = status(c);
+  EXPECT_EQ(s0["revision"], s1["revision"]);
+  EXPECT_EQ(s0["region_version"], s1["region_version"]);
+  EXPECT_EQ(bytes, store_bytes());
+  EXPECT_EQ(before, dump());
+}
+
+// Confirmed commits: rolled back by cmdbd within a second of the deadline,
+// across a restart before it and one after it; kept once confirmed, or once a
+// later confirmed commit arrives.
+TEST_F(CmdbdRevisionsTest, UnconfirmedCommitsRollBackByThemselves) {
+  using Clock = std::chrono::steady_clock;
+  auto mtu = [] { return dump()["global"]["interface"][0]["mtu"].asInt(); };
+  auto confirmed_set = [&](int value, uint32_t seconds) {
+    gk_txn* t = gk_txn_new();
+    uint64_t rev = 0;
+    gk_txn_set_uint(t, nullptr, "interface[1]", "mtu", static_cast<uint64_t>(value));
+    gk_txn_confirm(t, seconds);
+    EXPECT_EQ(0, gk_client_commit(c, t, &rev)) << gk_client_error(c);
+    gk_txn_free(t);
+    return rev;
+  };
+  auto restart = [&] {
+    gk_client_close(c);
+    EXPECT_EQ(128 + SIGKILL, d.stop(SIGKILL));
+    EXPECT_TRUE(d.start()) << d.log();
+    c = gk_client_open(nullptr);
+  };
+  ASSERT_EQ(0, commit(c, R"([{"op": "set", "path": "interface[1]", "values": {"mtu": 1400}}])"));
+
+  // Killed and restarted before the deadline.
+  const Clock::time_point sent = Clock::now();
+  const uint64_t risky = confirmed_set(9000, 2);
+  const Clock::time_point answered = Clock::now();
+  EXPECT_EQ(risky, status(c)["confirm"]["revision"].asUInt64());
+  restart();
+  EXPECT_EQ(9000, mtu());
+  while (status(c)["revision"].asUInt64() == risky && Clock::now() < answered + std::chrono::seconds(5)) usleep(20000);
+  const Clock::time_point back = Clock::now();
+  EXPECT_GE(back, sent + std::chrono::seconds(2));
+  EXPECT_LE(back, answered + std::chrono::milliseconds(3000));
+  EXPECT_EQ(1400, mtu());
+  Json::Value h = answer_of([&](char** t) { return gk_client_history(c, 1, t); })["revisions"][0];
+  EXPECT_EQ("rollback", h["kind"].asString());
+  EXPECT_EQ(0u, h["comment"].asString().find("revision 2 was not confirmed by ")) << h;
+  EXPECT_TRUE(status(c)["confirm"].isNull());
+
+  // The deadline passed while cmdbd was down: rolled back before it is ready.
+  confirmed_set(9001, 1);
+  gk_client_close(c);
+  d.stop(SIGKILL);
+  usleep(1200000);
+  ASSERT_TRUE(d.start()) << d.log();
+  c = gk_client_open(nullptr);
+  EXPECT_EQ(1400, mtu());
+
+  // A later confirmed commit confirms the one before; `cmdbctl confirm` the last.
+  confirmed_set(1500, 1);
+  const uint64_t last = confirmed_set(1600, 1);
+  int st = 0;
+  EXPECT_EQ("confirmed revision " + std::to_string(last) + "\n", run(kCtl + " confirm", &st, true));
+  usleep(1200000);
+  EXPECT_EQ(1600, mtu());
+  EXPECT_EQ(last, status(c)["revision"].asUInt64());
+  EXPECT_EQ("cmdbctl: no commit awaits confirmation\n", run(kCtl + " confirm", &st, true));
+  EXPECT_EQ(1, st);
 }
 
 }  // namespace

@@ -33,6 +33,8 @@ struct Options {
   bool direct = false;  // write the region itself even when cmdbd keeps it
   std::string socket;   // cmdbd's socket, when not the default
   std::string comment;  // -m of a writing command: kept with its revision
+  bool dry_run = false;  // --dry-run: cmdbd validates and says what would change
+  uint32_t confirm_s = 0;  // --confirm: cmdbd rolls the change back unless confirmed in time
 };
 
 // `write_group` non-empty: the region is closed to all but root and that group.
@@ -94,7 +96,11 @@ int cmd_status(const Options& o);
 int cmd_history(const Options& o, uint64_t limit);
 int cmd_show(const Options& o, uint64_t rev, const std::string& path, const std::string& domain);
 int cmd_diff(const Options& o, std::optional<uint64_t> from, std::optional<uint64_t> to);
-int cmd_rollback(const Options& o, uint64_t rev, const std::string& comment);
+// What loading `file` would change in the running configuration.
+int cmd_diff_file(const Options& o, const std::string& file, size_t max_bytes);
+int cmd_rollback(const Options& o, uint64_t rev);
+// Confirms the commit that awaits confirmation.
+int cmd_confirm(const Options& o);
 // Any request of operations through cmdbd; prints `done` and the revision.
 int cmdbd_request(const Options& o, const Json::Value& operations, const std::string& done);
 // Runs `command` (default: the user's shell) in a fresh sandbox and exits with its status.

@@ -50,21 +50,71 @@ Json::Value parse(const std::string& text, const std::string& name) {
   return v;
 }
 
-// Sends one transaction; prints `done` with the revision it made. A refusal
-// of a request made from a document names its place in it.
+std::string value_text(const Json::Value& v) { return v.isNull() ? "(none)" : to_json_text(v, true); }
+
+// One line per difference: an entry inserted or deleted, or a field changed.
+void print_difference(const Json::Value& d) {
+  std::string op = d["op"].asString();
+  if (op == "domain-add" || op == "domain-remove") {
+    printf("domain %s: %s (id %s)\n", d["name"].asCString(), op == "domain-add" ? "added" : "removed",
+           value_text(d["id"]).c_str());
+    return;
+  }
+  std::string where = d["path"].asString() + (d["domain"].asString() == "global" ? "" : " in " + d["domain"].asString());
+  const Json::Value& fields = d["fields"];
+  if (op == "update") {
+    for (const std::string& f : fields.getMemberNames())
+      printf("%s: %s %s -> %s\n", where.c_str(), f.c_str(), value_text(fields[f]["old"]).c_str(),
+             value_text(fields[f]["new"]).c_str());
+    return;
+  }
+  std::string values;
+  for (const std::string& f : fields.getMemberNames())
+    if (op == "insert") values += (values.empty() ? " " : ", ") + f + "=" + value_text(fields[f]["new"]);
+  printf("%s: %s%s\n", where.c_str(), op == "insert" ? "inserted" : "deleted", values.c_str());
+}
+
+// Sends a writing request with the command's -m, --dry-run and --confirm;
+// cmdbd's answer, or a failure. A refusal of a request made from a document
+// names its place in it.
+Json::Value submit(const Options& o, Json::Value req, const config::JsonDocument* source = nullptr) {
+  if (!o.comment.empty()) req["comment"] = o.comment;
+  if (o.dry_run) req["dry_run"] = true;
+  if (o.confirm_s != 0) req["confirm"] = o.confirm_s;
+  auto c = connect(o);
+  char* text = nullptr;
+  if (gk_client_request(c.get(), to_json_text(req).c_str(), &text) != 0)
+    fail(format("cmdbd did not answer (%s): whether the change was made, 'cmdbctl history' tells", strerror(errno)));
+  Json::Value a = parse(text, socket_of(o));
+  free(text);
+  if (!a["ok"].asBool()) fail(source != nullptr ? source->locate(a["error"].asString()) : a["error"].asString());
+  a.removeMember("ok");
+  return a;
+}
+
+// Prints the outcome of a writing request: `done` with the revision it made,
+// or what a dry run would have changed.
+int report(const Options& o, const Json::Value& a, const std::string& done) {
+  const auto rev = static_cast<unsigned long long>(a["revision"].asUInt64());
+  if (o.json) {
+    printf("%s\n", to_json_text(a).c_str());
+  } else if (o.dry_run) {
+    for (const Json::Value& d : a["differences"]) print_difference(d);
+    printf("dry run: %u changes, nothing applied (revision %llu)\n", a["changes"].asUInt(), rev);
+  } else {
+    printf("%s (revision %llu)\n", done.c_str(), rev);
+    if (a.isMember("confirm_by"))
+      printf("confirm by %s with 'cmdbctl confirm', or cmdbd rolls it back\n", a["confirm_by"].asCString());
+  }
+  return kExitOk;
+}
+
 int send(const Options& o, const Json::Value& ops, const std::string& done,
          const config::JsonDocument* source = nullptr) {
-  auto c = connect(o);
-  uint64_t rev = 0;
-  int r = gk_client_commit_json(c.get(), to_json_text(ops).c_str(), o.comment.empty() ? nullptr : o.comment.c_str(),
-                                &rev);
-  if (r == 1) fail(source != nullptr ? source->locate(gk_client_error(c.get())) : gk_client_error(c.get()));
-  if (r != 0)
-    fail(format("cmdbd did not answer (%s): whether the change was made, 'cmdbctl status' and 'cmdbctl dump' tell",
-                strerror(errno)));
-  if (o.json) printf("{\n  \"revision\": %llu\n}\n", static_cast<unsigned long long>(rev));
-  else printf("%s (revision %llu)\n", done.c_str(), static_cast<unsigned long long>(rev));
-  return kExitOk;
+  Json::Value req(Json::objectValue);
+  req["request"] = "commit";
+  req["operations"] = ops;
+  return report(o, submit(o, std::move(req), source), done);
 }
 
 Json::Value op(const char* kind, const std::string& path, const std::string& domain) {
@@ -155,6 +205,10 @@ int cmd_status(const Options& o) {
     printf("schema     %s (sha256 %s)\n", s["schema"].asCString(), s["schema_hash"].asCString());
     printf("store      %s\n", s["store"].asCString());
     printf("socket     %s\n", s["socket"].asCString());
+    if (const Json::Value& p = s["confirm"]; p.isObject())
+      printf("confirm    revision %llu rolls back to %llu unless confirmed by %s\n",
+             static_cast<unsigned long long>(p["revision"].asUInt64()),
+             static_cast<unsigned long long>(p["rollback_to"].asUInt64()), p["deadline"].asCString());
   }
   return s["ready"].asBool() ? kExitOk : kExitFailed;
 }
@@ -172,30 +226,6 @@ Json::Value ask(const Options& o, Fn fn) {
   if (!a["ok"].asBool()) fail(a["error"].asString());
   a.removeMember("ok");
   return a;
-}
-
-std::string value_text(const Json::Value& v) { return v.isNull() ? "(none)" : to_json_text(v, true); }
-
-// One line per difference: an entry inserted or deleted, or a field changed.
-void print_difference(const Json::Value& d) {
-  std::string op = d["op"].asString();
-  if (op == "domain-add" || op == "domain-remove") {
-    printf("domain %s: %s (id %s)\n", d["name"].asCString(), op == "domain-add" ? "added" : "removed",
-           value_text(d["id"]).c_str());
-    return;
-  }
-  std::string where = d["path"].asString() + (d["domain"].asString() == "global" ? "" : " in " + d["domain"].asString());
-  const Json::Value& fields = d["fields"];
-  if (op == "update") {
-    for (const std::string& f : fields.getMemberNames())
-      printf("%s: %s %s -> %s\n", where.c_str(), f.c_str(), value_text(fields[f]["old"]).c_str(),
-             value_text(fields[f]["new"]).c_str());
-    return;
-  }
-  std::string values;
-  for (const std::string& f : fields.getMemberNames())
-    if (op == "insert") values += (values.empty() ? " " : ", ") + f + "=" + value_text(fields[f]["new"]);
-  printf("%s: %s%s\n", where.c_str(), op == "insert" ? "inserted" : "deleted", values.c_str());
 }
 
 }  // namespace
@@ -239,16 +269,38 @@ int cmd_diff(const Options& o, std::optional<uint64_t> from, std::optional<uint6
   return kExitOk;
 }
 
-int cmd_rollback(const Options& o, uint64_t rev, const std::string& comment) {
+int cmd_diff_file(const Options& o, const std::string& file, size_t max_bytes) {
+  // What a load of the file would change, asked of cmdbd as a dry run.
+  const config::JsonDocument source(file == "-" ? "<stdin>" : file, config::read_input(file, max_bytes));
+  Json::Value req(Json::objectValue);
+  req["request"] = "commit";
+  req["operations"].append(config::load_op(source.root(), false));
+  Options dry = o;
+  dry.dry_run = true;
+  dry.comment.clear();
+  Json::Value a = submit(dry, std::move(req), &source);
+  if (o.json) printf("%s\n", to_json_text(a).c_str());
+  else
+    for (const Json::Value& d : a["differences"]) print_difference(d);
+  return kExitOk;
+}
+
+int cmd_rollback(const Options& o, uint64_t rev) {
+  Json::Value req(Json::objectValue);
+  req["request"] = "rollback";
+  req["revision"] = Json::UInt64(rev);
+  return report(o, submit(o, std::move(req)), "rolled back to revision " + std::to_string(rev));
+}
+
+int cmd_confirm(const Options& o) {
   auto c = connect(o);
-  uint64_t made = 0;
-  int r = gk_client_rollback(c.get(), rev, comment.empty() ? nullptr : comment.c_str(), &made);
+  uint64_t rev = 0;
+  int r = gk_client_confirm(c.get(), &rev);
   if (r == 1) fail(gk_client_error(c.get()));
-  if (r != 0)
-    fail(format("cmdbd did not answer (%s): whether the rollback was made, 'cmdbctl history' tells", strerror(errno)));
-  if (o.json) printf("{\n  \"revision\": %llu\n}\n", static_cast<unsigned long long>(made));
-  else printf("rolled back to revision %llu (revision %llu)\n", static_cast<unsigned long long>(rev),
-              static_cast<unsigned long long>(made));
+  if (r != 0) fail(format("cmdbd did not answer (%s): 'cmdbctl status' tells whether a commit awaits confirmation",
+                          strerror(errno)));
+  if (o.json) printf("{\n  \"revision\": %llu\n}\n", static_cast<unsigned long long>(rev));
+  else printf("confirmed revision %llu\n", static_cast<unsigned long long>(rev));
   return kExitOk;
 }
 

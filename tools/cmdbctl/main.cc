@@ -100,18 +100,33 @@ struct Command {
 
 [[noreturn]] void usage_error(const std::string& what) { throw Failure(what, kExitUsage); }
 
-// -m of the writing commands: a comment only cmdbd's store keeps.
-std::shared_ptr<std::string> message_option(CLI::App* c) {
-  auto m = std::make_shared<std::string>();
-  c->add_option("-m,--message", *m, "Comment kept with the revision (through cmdbd)");
-  return m;
+// The options of the writing commands, which only cmdbd honours.
+struct WriteArgs {
+  std::string comment;
+  bool dry_run = false;
+  uint32_t confirm_s = 0;
+};
+
+std::shared_ptr<WriteArgs> write_options(CLI::App* c) {
+  auto w = std::make_shared<WriteArgs>();
+  c->add_option("-m,--message", w->comment, "Comment kept with the revision (through cmdbd)");
+  c->add_flag("--dry-run", w->dry_run, "Validate and print what would change; change nothing (through cmdbd)");
+  c->add_option("--confirm", w->confirm_s,
+                "cmdbd rolls the change back unless 'cmdbctl confirm' follows within SECONDS (through cmdbd)")
+      ->check(CLI::Range(1, 86400));
+  return w;
 }
 
-// The options with the command's comment; a direct write has nowhere to keep it.
-Options with_comment(const Options& o, const std::string& comment, bool managed) {
-  if (!comment.empty() && !managed) usage_error("-m: only cmdbd keeps a comment, and this write does not go through it");
+// The options with the command's; a direct write has nowhere to keep a
+// comment, and nothing that could undo or preview it.
+Options with_write_args(const Options& o, const WriteArgs& w, bool managed) {
+  if (!managed && (!w.comment.empty() || w.dry_run || w.confirm_s != 0))
+    usage_error(std::string(!w.comment.empty() ? "-m" : w.dry_run ? "--dry-run" : "--confirm") +
+                ": only cmdbd honours it, and this write does not go through it");
   Options out = o;
-  out.comment = comment;
+  out.comment = w.comment;
+  out.dry_run = w.dry_run;
+  out.confirm_s = w.confirm_s;
   return out;
 }
 
@@ -202,10 +217,10 @@ Runner define_get(CLI::App* c) {
 Runner define_set(CLI::App* c) {
   auto a = path_args(c, "OBJECT or TABLE[KEY], e.g. policy[p1]");
   c->add_option("assignments", a->assignments, "ATTR=VALUE ...")->required();
-  auto m = message_option(c);
+  auto m = write_options(c);
   return [a, m](const Options& o) {
-    if (managed_by_cmdbd(o)) return cmdbd_set(with_comment(o, *m, true), a->path, a->assignments, a->domain);
-    with_comment(o, *m, false);
+    if (managed_by_cmdbd(o)) return cmdbd_set(with_write_args(o, *m, true), a->path, a->assignments, a->domain);
+    with_write_args(o, *m, false);
 #ifdef GK_CMDBCTL_WRITES
     return cmd_set(o, a->path, a->assignments, a->domain);
 #else
@@ -217,10 +232,10 @@ Runner define_set(CLI::App* c) {
 
 Runner define_delete(CLI::App* c) {
   auto a = path_args(c, "TABLE[KEY], e.g. policy[p1].rule[10]");
-  auto m = message_option(c);
+  auto m = write_options(c);
   return [a, m](const Options& o) {
-    if (managed_by_cmdbd(o)) return cmdbd_delete(with_comment(o, *m, true), a->path, a->domain);
-    with_comment(o, *m, false);
+    if (managed_by_cmdbd(o)) return cmdbd_delete(with_write_args(o, *m, true), a->path, a->domain);
+    with_write_args(o, *m, false);
 #ifdef GK_CMDBCTL_WRITES
     return cmd_delete(o, a->path, a->domain);
 #else
@@ -238,11 +253,11 @@ Runner define_load(CLI::App* c) {
   c->add_flag("--merge", *merge, "Change only what the file names; remove nothing");
   c->add_option("--max-size", *max_size, "Refuse input longer than this (bytes, or with K, M or G)")
       ->capture_default_str();
-  auto m = message_option(c);
+  auto m = write_options(c);
   return [file, merge, max_size, m](const Options& o) {
     const size_t max_bytes = max_size_option(*max_size);
-    if (managed_by_cmdbd(o)) return cmdbd_load(with_comment(o, *m, true), *file, *merge, max_bytes);
-    with_comment(o, *m, false);
+    if (managed_by_cmdbd(o)) return cmdbd_load(with_write_args(o, *m, true), *file, *merge, max_bytes);
+    with_write_args(o, *m, false);
 #ifdef GK_CMDBCTL_WRITES
     return cmd_load(o, *file, *merge, max_bytes);
 #else
@@ -327,16 +342,25 @@ Runner define_show(CLI::App* c) {
 Runner define_diff(CLI::App* c) {
   auto from = std::make_shared<std::optional<uint64_t>>();
   auto to = std::make_shared<std::optional<uint64_t>>();
-  c->add_option("from", *from, "The older revision (default: the one before the newer)");
+  auto file = std::make_shared<std::string>();
+  auto* revs = c->add_option("from", *from, "The older revision (default: the one before the newer)");
   c->add_option("to", *to, "The newer revision (default: the last)");
-  return [from, to](const Options& o) { return cmd_diff(o, *from, *to); };
+  c->add_option("--file", *file, "Compare this configuration file (JSON as dump prints it) with the running one")
+      ->excludes(revs);
+  return [from, to, file](const Options& o) {
+    return file->empty() ? cmd_diff(o, *from, *to) : cmd_diff_file(o, *file, max_size_option("256M"));
+  };
 }
 
 Runner define_rollback(CLI::App* c) {
   auto rev = std::make_shared<uint64_t>(0);
   c->add_option("revision", *rev, "The revision whose configuration comes back")->required();
-  auto comment = message_option(c);
-  return [rev, comment](const Options& o) { return cmd_rollback(o, *rev, *comment); };
+  auto w = write_options(c);
+  return [rev, w](const Options& o) { return cmd_rollback(with_write_args(o, *w, true), *rev); };
+}
+
+Runner define_confirm(CLI::App*) {
+  return [](const Options& o) { return cmd_confirm(o); };
 }
 
 Runner define_sandbox(CLI::App* c) {
@@ -376,6 +400,7 @@ const Command kCommands[] = {
     {"show", "Revisions", "Print the configuration as of a revision (or what a path named then)", define_show},
     {"diff", "Revisions", "Field-level differences between two revisions (default: the last change)", define_diff},
     {"rollback", "Revisions", "Make the configuration that of a revision again, as a new revision", define_rollback},
+    {"confirm", "Revisions", "Confirm the change made with --confirm, so that cmdbd keeps it", define_confirm},
     {"watch", "Events", "Register for changes and print each event until SIGINT/SIGTERM", define_watch},
     {"schema", "Schemas", "Validate a schema file (check) or write its C header (header)", define_schema},
     {"completion", "Shell", "Print the bash completion script (bash), or the schema's tables (paths)",
