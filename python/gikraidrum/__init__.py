@@ -264,27 +264,41 @@ class Client:
             raise CmdbdError(a.get("error", "refused"), 0, a.get("index", -1), a.get("path", ""))
         return a
 
-    def commit(self, operations: List[Dict[str, Any]], comment: Optional[str] = None) -> int:
-        """Applies the operations (the protocol's array) as one revision; its number."""
+    def commit(self, operations: List[Dict[str, Any]], comment: Optional[str] = None,
+               confirm: Optional[int] = None) -> int:
+        """Applies the operations (the protocol's array) as one revision; its
+        number. With `confirm`, cmdbd rolls the change back by itself unless
+        confirm() (or another confirmed commit) follows within that many seconds."""
         req: Dict[str, Any] = {"request": "commit", "operations": operations}
-        if comment is not None:
-            req["comment"] = comment
-        return int(self.request(req)["revision"])
+        return int(self.request(_writing(req, comment, confirm))["revision"])
 
     def set(self, path: str, values: Dict[str, Any], domain: Optional[str] = None,
-            comment: Optional[str] = None) -> int:
+            comment: Optional[str] = None, confirm: Optional[int] = None) -> int:
         """Sets attributes of the object or entry at `path` (a missing entry is
         made from its defaults); the revision."""
-        return self.commit([_op("set", path, domain, values=values)], comment)
+        return self.commit([_op("set", path, domain, values=values)], comment, confirm)
 
-    def delete(self, path: str, domain: Optional[str] = None, comment: Optional[str] = None) -> int:
+    def delete(self, path: str, domain: Optional[str] = None, comment: Optional[str] = None,
+               confirm: Optional[int] = None) -> int:
         """Deletes the entry at `path` and everything below it; the revision."""
-        return self.commit([_op("delete", path, domain)], comment)
+        return self.commit([_op("delete", path, domain)], comment, confirm)
 
-    def load(self, config: Dict[str, Any], merge: bool = False, comment: Optional[str] = None) -> int:
+    def load(self, config: Dict[str, Any], merge: bool = False, comment: Optional[str] = None,
+             confirm: Optional[int] = None) -> int:
         """Makes every context `config` (a dump document) names equal to it,
         or with `merge` changes only what it names; the revision."""
-        return self.commit([{"op": "load", "config": config, "merge": merge}], comment)
+        return self.commit([{"op": "load", "config": config, "merge": merge}], comment, confirm)
+
+    def dry_run(self, operations: List[Dict[str, Any]]) -> List[Dict[str, Any]]:
+        """What the operations would change, as diff() lists differences;
+        nothing is applied. A refusal raises CmdbdError as commit() would."""
+        req = {"request": "commit", "operations": operations, "dry_run": True}
+        return list(self.request(req)["differences"])
+
+    def confirm(self) -> int:
+        """Confirms the commit that awaits confirmation, so that cmdbd keeps
+        it; its revision. CmdbdError when none awaits (or its deadline passed)."""
+        return int(self.request({"request": "confirm"})["revision"])
 
     def status(self) -> Dict[str, Any]:
         """What cmdbd says of itself: revision, schema, store, pending confirmation."""
@@ -318,12 +332,19 @@ class Client:
             req["to"] = to_rev
         return list(self.request(req)["differences"])
 
-    def rollback(self, revision: int, comment: Optional[str] = None) -> int:
-        """Makes the configuration equal to `revision`'s as a new revision; its number."""
+    def rollback(self, revision: int, comment: Optional[str] = None, confirm: Optional[int] = None) -> int:
+        """Makes the configuration equal to `revision`'s as a new revision; its
+        number. `confirm` as for commit()."""
         req: Dict[str, Any] = {"request": "rollback", "revision": revision}
-        if comment is not None:
-            req["comment"] = comment
-        return int(self.request(req)["revision"])
+        return int(self.request(_writing(req, comment, confirm))["revision"])
+
+
+def _writing(req: Dict[str, Any], comment: Optional[str], confirm: Optional[int]) -> Dict[str, Any]:
+    if comment is not None:
+        req["comment"] = comment
+    if confirm is not None:
+        req["confirm"] = confirm
+    return req
 
 
 def _op(kind: str, path: str, domain: Optional[str], **more: Any) -> Dict[str, Any]:

@@ -134,6 +134,12 @@ class ClientTest(unittest.TestCase):
             self.assertEqual(["delete"], [d["op"] for d in c.diff()])
             self.assertEqual(rev + 2, c.rollback(rev))
             self.assertEqual(c.show(rev), c.show(rev + 2))
+            self.assertEqual(["delete"], [d["op"] for d in c.dry_run([{"op": "delete", "path": "interface[4]"}])])
+            self.assertEqual(rev + 3, c.delete("interface[4]", confirm=600))
+            self.assertEqual(rev + 3, c.status()["confirm"]["revision"])
+            self.assertEqual(rev + 3, c.confirm())
+            with self.assertRaises(gikraidrum.CmdbdError):
+                c.confirm()
 
 
 if __name__ == "__main__":
