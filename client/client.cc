@@ -70,8 +70,10 @@ int exchange(gk_client* c, const std::string& request, std::string* answer) {
   return 0;
 }
 
-// A request that changes the configuration; 0 done, 1 refused, -1 failed.
-int change(gk_client* c, Json::Value req, uint64_t* revision) {
+// A request of `type` that changes the configuration; 0 done, 1 refused, -1 failed.
+int change(gk_client* c, const char* type, Json::Value req, uint64_t* revision) {
+  clear_error(c);
+  req["request"] = type;
   req["id"] = Json::UInt64(c->next_id++);
   std::string text;
   if (exchange(c, compact(req), &text) != 0) return -1;
@@ -91,11 +93,10 @@ int commit(gk_client* c, Json::Value ops, const std::string& comment, uint64_t* 
   clear_error(c);
   if (!ops.isArray() || ops.empty()) return failed(c, EINVAL);
   Json::Value req(Json::objectValue);
-  req["request"] = "commit";
   req["operations"] = std::move(ops);
   if (!comment.empty()) req["comment"] = comment;
   if (confirm_s != 0) req["confirm"] = confirm_s;
-  return change(c, std::move(req), revision);
+  return change(c, "commit", std::move(req), revision);
 }
 
 // A request whose answer the caller reads as text.
@@ -386,12 +387,10 @@ int gk_client_rollback(gk_client* c, uint64_t revision, const char* comment, uin
     return -1;
   }
   return guarded([&] {
-    clear_error(c);
     Json::Value req(Json::objectValue);
-    req["request"] = "rollback";
     req["revision"] = Json::UInt64(revision);
     if (comment != nullptr && *comment != '\0') req["comment"] = comment;
-    return change(c, std::move(req), new_revision);
+    return change(c, "rollback", std::move(req), new_revision);
   });
 }
 
@@ -400,12 +399,7 @@ int gk_client_confirm(gk_client* c, uint64_t* revision) noexcept {
     errno = EINVAL;
     return -1;
   }
-  return guarded([&] {
-    clear_error(c);
-    Json::Value req(Json::objectValue);
-    req["request"] = "confirm";
-    return change(c, std::move(req), revision);
-  });
+  return guarded([&] { return change(c, "confirm", Json::Value(Json::objectValue), revision); });
 }
 
 const char* gk_client_error(const gk_client* c) noexcept { return c != nullptr ? c->error.c_str() : ""; }

@@ -792,8 +792,8 @@ Json::Value Daemon::confirm(const Request& r) {
 
 int Daemon::expire_confirmation() {
   if (confirm_.isNull()) return -1;
-  const int64_t deadline = confirm_["deadline_ms"].asInt64(), now = now_ms();
-  if (now < std::max(deadline, retry_ms_)) return static_cast<int>(std::min<int64_t>(std::max(deadline, retry_ms_) - now, INT_MAX));
+  const int64_t deadline = confirm_["deadline_ms"].asInt64(), due = std::max(deadline, retry_ms_), now = now_ms();
+  if (now < due) return static_cast<int>(std::min<int64_t>(due - now, INT_MAX));
   const uint64_t rev = confirm_["revision"].asUInt64(), to = confirm_["rollback_to"].asUInt64(),
                  last = store_->last_revision();
   std::vector<Pending> work(1);
