@@ -89,9 +89,10 @@ inline PageMapSlot* cmf_update_page(uint32_t page, int write) {
 }
 
 // Bytes that a slab of cache `c` uses: header, free-chain links, objects.
-inline int64_t slab_bytes(const cmdb_slab_cache_t& c) {
-  return int64_t{kSlabHead} + int64_t(c.num) * int64_t{sizeof(int32_t)} + int64_t(c.num) * c.objsize;
+inline int64_t slab_bytes(uint32_t num, uint32_t objsize) {
+  return int64_t{kSlabHead} + int64_t{num} * int64_t{sizeof(int32_t)} + int64_t{num} * objsize;
 }
+inline int64_t slab_bytes(const cmdb_slab_cache_t& c) { return slab_bytes(c.num, c.objsize); }
 
 // Logs the missing slab header or cache table and ends the process.
 [[noreturn]] void offset_abort(const void* slab, uint32_t shmid, const void* cache);
@@ -99,28 +100,38 @@ inline int64_t slab_bytes(const cmdb_slab_cache_t& c) {
 // Offset of the block inside its slab page (cmf_shm_offset), or -1 when the
 // page's header names no cache of the table, the block is not below the cache's
 // num, or the slab does not fit the mapping. Aborts only when the header or the
-// cache table is missing altogether.
-inline int32_t cmf_shm_offset_in(const PageMapSlot& slot, uint32_t shmid) {
+// cache table is missing altogether. *objsize gets the block size. Each shared
+// field is read once, so a writer racing with the checks cannot undo them.
+inline int32_t cmf_shm_offset_in(const PageMapSlot& slot, uint32_t shmid, uint32_t* objsize = nullptr) {
   const auto* h = static_cast<const cmdb_slab_header_t*>(slot.addr);
   const cmdb_slab_cache_table_t* ct = cache_table();
   if (h == nullptr || ct == nullptr) offset_abort(h, shmid, ct);
   if (slot.len < static_cast<int32_t>(kSlabHead)) return -1;
-  int32_t c = h->cache;
+  const int32_t c = __atomic_load_n(&h->cache, __ATOMIC_RELAXED);
   if (c < 0 || c >= cache_count(ct)) return -1;
-  const cmdb_slab_cache_t& d = ct->cache[c];
+  const uint32_t num = __atomic_load_n(&ct->cache[c].num, __ATOMIC_RELAXED);
+  const uint32_t size = __atomic_load_n(&ct->cache[c].objsize, __ATOMIC_RELAXED);
   const uint32_t blkno = CMF_SHMID_BLKNO(shmid);
-  if (blkno >= d.num || slab_bytes(d) > slot.len) return -1;
-  return static_cast<int32_t>(kSlabHead + sizeof(int32_t) * d.num + blkno * d.objsize);
+  if (blkno >= num || slab_bytes(num, size) > slot.len) return -1;
+  if (objsize != nullptr) *objsize = size;
+  return static_cast<int32_t>(kSlabHead + sizeof(int32_t) * num + blkno * size);
 }
 
-// The translation behind cmf_ptr_from_shmid.
-inline void* translate(uint32_t shmid, int write) {
+// The translation behind cmf_ptr_from_shmid; *bytes gets the block's extent
+// (as block_bytes_from would give it, without searching the pages).
+inline void* translate(uint32_t shmid, int write, size_t* bytes = nullptr) {
   const PageMapSlot* s = cmf_update_page(CMF_SHMID_PAGE(shmid), write);
   if (s == nullptr || s->addr == nullptr) return nullptr;
-  if (CMF_SHMID_BLKNO(shmid) == CMF_SHMID_LARGE)
-    return s->len >= static_cast<int32_t>(kLargeHead) ? static_cast<char*>(s->addr) + kLargeHead : nullptr;
-  int32_t off = cmf_shm_offset_in(*s, shmid);
-  return off < 0 ? nullptr : static_cast<char*>(s->addr) + off;
+  if (CMF_SHMID_BLKNO(shmid) == CMF_SHMID_LARGE) {
+    if (s->len < static_cast<int32_t>(kLargeHead)) return nullptr;
+    if (bytes != nullptr) *bytes = static_cast<size_t>(s->len) - kLargeHead;
+    return static_cast<char*>(s->addr) + kLargeHead;
+  }
+  uint32_t objsize = 0;
+  int32_t off = cmf_shm_offset_in(*s, shmid, &objsize);
+  if (off < 0) return nullptr;
+  if (bytes != nullptr) *bytes = objsize;
+  return static_cast<char*>(s->addr) + off;
 }
 
 }  // namespace alloc

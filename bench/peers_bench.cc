@@ -123,7 +123,7 @@ void lmdb_find(benchmark::State& state, bool strings) {
 }
 void BM_FindU32_Lmdb(benchmark::State& state) { lmdb_find(state, false); }
 void BM_FindString_Lmdb(benchmark::State& state) { lmdb_find(state, true); }
-BENCHMARK(BM_FindU32_Lmdb)->Arg(100)->Arg(10000)->Arg(1000000);
+BENCHMARK(BM_FindU32_Lmdb)->Arg(16)->Arg(100)->Arg(1000)->Arg(10000)->Arg(1000000);
 BENCHMARK(BM_FindString_Lmdb)->Arg(100)->Arg(10000)->Arg(1000000);
 
 // The reader's whole cycle: begin a read transaction, get, abort.

@@ -82,8 +82,25 @@ void find_by_key(benchmark::State& state, bool strings) {
 }
 void BM_FindU32(benchmark::State& state) { find_by_key(state, false); }
 void BM_FindString(benchmark::State& state) { find_by_key(state, true); }
-BENCHMARK(BM_FindU32)->Arg(100)->Arg(10000)->Arg(1000000);
+BENCHMARK(BM_FindU32)->Arg(16)->Arg(100)->Arg(1000)->Arg(10000)->Arg(1000000);
 BENCHMARK(BM_FindString)->Arg(100)->Arg(10000)->Arg(1000000);
+
+// The floor under a find: std::lower_bound over the same keys, sorted in a
+// private array, probed in the same order.
+void BM_FindU32_Floor(benchmark::State& state) {
+  const auto n = static_cast<uint32_t>(state.range(0));
+  std::vector<uint32_t> keys(n), probes(n);
+  for (uint32_t i = 0; i < n; ++i) keys[i] = scramble(i);
+  probes = keys;
+  std::shuffle(probes.begin(), probes.end(), std::mt19937(1));
+  std::sort(keys.begin(), keys.end());
+  size_t j = 0;
+  for (auto _ : state) {
+    auto it = std::lower_bound(keys.begin(), keys.end(), probes[j++ % n]);
+    benchmark::DoNotOptimize(it);
+  }
+}
+BENCHMARK(BM_FindU32_Floor)->Arg(16)->Arg(100)->Arg(1000);
 
 // One insert at a random position and the delete of the same entry: the index
 // side of what a writer pays per change, O(n) slot moves and renumbering.

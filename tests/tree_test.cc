@@ -427,7 +427,7 @@ TEST_F(EntryIndexTest, LargeTablesFindMissAndPlaceAsTheModel) {
 // read past the table or index block for it, and none may succeed on it.
 TEST_F(EntryIndexTest, DamagedIndexOrTableIsRefusedWithoutLeavingItsBlocks) {
   struct Damage { const char* what; void (*apply)(cmdb_table_block_t* t, cmdb_entry_index_t* ix); } cases[] = {
-      {"slot far past the table", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->slot[1] = 0xFFFFFFF0u; }},
+      {"slot far past the table", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->slot[0] = 0xFFFFFFF0u; }},
       {"capacity past the block", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->capacity = ix->count = 1 << 20; }},
       {"negative count", [](cmdb_table_block_t*, cmdb_entry_index_t* ix) { ix->count = -5; }},
       {"table count past its block", [](cmdb_table_block_t* t, cmdb_entry_index_t*) { t->count = 1 << 24; }},
