@@ -12,7 +12,10 @@
 #include <string>
 #include <vector>
 
+#include "alloc/alloc_internal.h"
+#include "alloc/page_map.h"
 #include "gikraidrum.h"
+#include "tree/tree_internal.h"
 #include "tests/tree_fixture.h"
 
 namespace {
@@ -86,21 +89,42 @@ BENCHMARK(BM_FindU32)->Arg(16)->Arg(100)->Arg(1000)->Arg(10000)->Arg(1000000);
 BENCHMARK(BM_FindString)->Arg(100)->Arg(10000)->Arg(1000000);
 
 // The floor under a find: std::lower_bound over the same keys, sorted in a
-// private array, probed in the same order.
+// private array, probed in the same order, behind a call as a find is.
+__attribute__((noinline)) bool plain_find(const std::vector<uint32_t>& keys, uint32_t key) {
+  auto it = std::lower_bound(keys.begin(), keys.end(), key);
+  return it != keys.end() && *it == key;
+}
 void BM_FindU32_Floor(benchmark::State& state) {
   const auto n = static_cast<uint32_t>(state.range(0));
-  std::vector<uint32_t> keys(n), probes(n);
+  std::vector<uint32_t> keys(n);
   for (uint32_t i = 0; i < n; ++i) keys[i] = scramble(i);
-  probes = keys;
+  std::vector<uint32_t> probes = keys;
   std::shuffle(probes.begin(), probes.end(), std::mt19937(1));
   std::sort(keys.begin(), keys.end());
   size_t j = 0;
-  for (auto _ : state) {
-    auto it = std::lower_bound(keys.begin(), keys.end(), probes[j++ % n]);
-    benchmark::DoNotOptimize(it);
-  }
+  for (auto _ : state) benchmark::DoNotOptimize(plain_find(keys, probes[j++ % n]));
 }
 BENCHMARK(BM_FindU32_Floor)->Arg(16)->Arg(100)->Arg(1000);
+
+// The steps around the search of a find at 100 entries, each alone: the index
+// handle's translation with its extent (0), the table block's extent (1), the
+// table's and the key's schema nodes (2).
+void BM_FindStep(benchmark::State& state) {
+  BenchTable t(100, false);
+  const uint32_t index = t.table->index;
+  for (auto _ : state) {
+    size_t bytes = 0;
+    switch (state.range(0)) {
+      case 0: benchmark::DoNotOptimize(alloc::translate(index, 0, &bytes)); break;
+      case 1: benchmark::DoNotOptimize(alloc::block_bytes_from(t.table)); break;
+      default:
+        benchmark::DoNotOptimize(tree::find_node(100));
+        benchmark::DoNotOptimize(tree::find_node(102));
+    }
+    benchmark::DoNotOptimize(bytes);
+  }
+}
+BENCHMARK(BM_FindStep)->Arg(0)->Arg(1)->Arg(2);
 
 // One insert at a random position and the delete of the same entry: the index
 // side of what a writer pays per change, O(n) slot moves and renumbering.
