@@ -140,7 +140,7 @@ void BM_LockedReadString_Lmdb(benchmark::State& state) {
     mdb_txn_abort(txn);
   }
 }
-BENCHMARK(BM_LockedReadString_Lmdb)->Arg(10000);
+BENCHMARK(BM_LockedReadString_Lmdb)->Arg(100)->Arg(10000);
 
 // A put of a new key and its delete, in a write transaction committed every
 // 1024 pairs (no sync): the B-tree's cost per change, commit amortised.
