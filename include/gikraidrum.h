@@ -352,16 +352,8 @@ typedef struct cmdb_debug_zone {
   uint8_t reserved7[16];
 } cmdb_debug_zone_t;
 
-/* Offsets other processes and tools read the zone at. */
-#define DZ_EVENT_SWITCH offsetof(cmdb_debug_zone_t, event_switch)
-#define DZ_MAIL_MODE offsetof(cmdb_debug_zone_t, mail_mode)
-#define DZ_DEBUG_BYTE offsetof(cmdb_debug_zone_t, debug)
-#define DZ_READER_SLOT_NEXT offsetof(cmdb_debug_zone_t, reader_slot_next)
-#define DZ_READER_PIDS offsetof(cmdb_debug_zone_t, reader_pids)
-#define DZ_LOCK_STATS offsetof(cmdb_debug_zone_t, lock_stats)
-#define DZ_EVENT_LOG_LEVEL offsetof(cmdb_debug_zone_t, event_log_level)
-#define DZ_DOMAIN_SLOTS offsetof(cmdb_debug_zone_t, domain_slots)
-#define DZ_DOMAIN_RECORDS sizeof(cmdb_debug_zone_t)
+/* Bytes of a debug zone with `slots` (D + 1) per-domain records. */
+#define CMDB_DZ_SIZE(slots) (sizeof(cmdb_debug_zone_t) + (size_t)(slots) * CMDB_DZ_DOMAIN_RECORD)
 
 /* The main lock, one System V semaphore (key CMDB_SEM_KEY) at CMDB_RWLOCK_FULL
  * when free: a reader takes one unit, a writer all of them, each step with

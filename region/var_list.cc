@@ -204,7 +204,7 @@ int fill_debug_zone(const VarList& vl) {
   cmdb_create_lock();
   const int64_t slots = static_cast<int64_t>(g_domain_capacity) + 1;
   if (slots < 0) return -1;
-  Image img(sizeof(cmdb_debug_zone_t) + static_cast<size_t>(slots) * CMDB_DZ_DOMAIN_RECORD);
+  Image img(CMDB_DZ_SIZE(slots));
   if (img.bytes == nullptr) return -1;
   img.as<cmdb_debug_zone_t>()->domain_slots = static_cast<uint32_t>(slots);
   return img.write_to(state_of(vl.id).fd);

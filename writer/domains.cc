@@ -32,8 +32,7 @@ uint32_t rec_offset(uint32_t rec) { return kDomainHead + rec * kRecSize; }
 int32_t capacity() {
   int32_t d = cmdb_get_table_size(kDomainGid, static_cast<int>(cmdb.header->platform));
   if (cmdb.debug_zone != nullptr) {
-    uint32_t slots = 0;
-    memcpy(&slots, static_cast<const uint8_t*>(cmdb.debug_zone) + DZ_DOMAIN_SLOTS, 4);
+    const uint32_t slots = static_cast<const cmdb_debug_zone_t*>(cmdb.debug_zone)->domain_slots;
     if (slots > 0) d = std::min<int32_t>(d, static_cast<int32_t>(slots - 1));
   }
   return std::max(std::min(d, domain_slots()), 0);
