@@ -638,13 +638,14 @@ typedef struct cmdb_sql_desc {
   const char *long1;
   const char *long2;
   uint8_t u48[15];
-  uint8_t flag; /* bit 7 */
+  uint8_t flag; /* CMDB_SQL_DESC_FLAG; the other bits are the host's */
 } cmdb_sql_desc_t;
+#define CMDB_SQL_DESC_FLAG 0x80u /* kept as 0 or 1 in cmdb_sql_node_t.flag */
 
 /* Record of `cmdb_sql_node` (CMDB_SQL_NODES of them). */
 typedef struct cmdb_sql_node {
   uint16_t gid;
-  uint8_t flag;  /* bit 7 of the description's flag byte */
+  uint8_t flag;  /* 1 when the description's flag has CMDB_SQL_DESC_FLAG */
   uint8_t reserved;
   char name1[32]; /* first short name, or a first long name over name1 and name2 */
   char name2[32];
