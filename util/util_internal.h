@@ -7,6 +7,7 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <source_location>
 #include <utility>
 
 #include "gikraidrum.h"
@@ -63,6 +64,10 @@ const char* progname();
 // header is mapped; standard output under the debug bit, else do_message.
 void log(uint32_t level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void vlog(uint32_t level, const char* fmt, va_list ap);
+// The short alarms, "<what> <source>,<function>,<line>." at level 3 ("Critical
+// error", "No memory", "Error"): the line is the caller's, a location only.
+void log_alarm(const char* what, const char* source, const char* function,
+               std::source_location at = std::source_location::current());
 // The events subsystem's trace (dbg_cmdb_event at level 0): written only while
 // the debug zone's event log level is above 0, so events can be watched alone.
 void log_event(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
