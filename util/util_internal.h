@@ -88,7 +88,8 @@ inline constexpr char kReceiver[] = "cmdb_event_daemon";
 }  // namespace src
 
 // Messages whose line numbers hosts match: fixed here, so no edit of the
-// library moves them. Every other message prints __LINE__, a location only.
+// library moves them. Every other message prints its own line (__LINE__, or the
+// caller's std::source_location in helpers such as log_alarm), a location only.
 struct Site {
   const char* source;
   const char* function;
