@@ -23,8 +23,10 @@ constexpr int kHandlersPerGid = 4;
 constexpr uint32_t kHeaderBytes = sizeof(cmdb_event_msg_t);
 
 // Results of cmdb_event_init and register_cmdb_event, as the header lists them.
-constexpr int kInitNoSocket = -1, kInitBindFailed = -83, kInitGetFlagsFailed = -91, kInitSetFlagsFailed = -98;
-constexpr int kRegisterNoRoom = -1, kRegisterDuplicate = -2, kRegisterTableFailed = -3, kRegisterHandlersFull = -4;
+constexpr int kInitNoSocket = -1, kInitBindFailed = -83, kInitGetFlagsFailed = -91,
+              kInitSetFlagsFailed = -98;
+constexpr int kRegisterNoRoom = -1, kRegisterDuplicate = -2, kRegisterTableFailed = -3,
+              kRegisterHandlersFull = -4;
 
 struct HandlerSlot {
   uint8_t act;                 // classes this handler wants

@@ -204,12 +204,12 @@ typedef struct cmdb_record {
   void *cmdb_datasource;
   void *cmdb_global_rw;
   cmdb_header_t *header; /* == cmdb_global_rw */
-  void *stat_global;     /* cmdb_global_rw + 0x38 */
-  void *cmdb_global;
-  void *slab_caches;     /* cmdb_global + 0 */
-  uint32_t *index_roots; /* cmdb_global + 0x11C: flag, then five locator shmids */
-  void *table_limits;    /* cmdb_global + 0x134 */
-  void *services;        /* cmdb_global + 0xAE8 */
+  void *stat_global;     /* cmdb_global_rw + CMDB_HEADER_STAT_GLOBAL */
+  void *cmdb_global;     /* a cmdb_global_t; the next four point into it */
+  void *slab_caches;     /* &caches */
+  uint32_t *index_roots; /* &locators_ready, the locator shmids following it */
+  void *table_limits;    /* &table_limits */
+  void *services;        /* &services */
   void *cmdb_event;
   void *devices;
   void *debug_zone;

@@ -39,9 +39,11 @@ static_assert(sizeof(cmdb_lock_stat_t) == 24 && offsetof(cmdb_lock_stat_t, last_
 GK_LAYOUT(cmdb_debug_zone_t);
 static_assert(offsetof(cmdb_debug_zone_t, event_switch) == 0 && offsetof(cmdb_debug_zone_t, mail_mode) == 8 &&
               offsetof(cmdb_debug_zone_t, debug) == 0x240);
-static_assert(offsetof(cmdb_debug_zone_t, reader_slot_next) == 3304 && offsetof(cmdb_debug_zone_t, reader_pids) == 3308 &&
+static_assert(offsetof(cmdb_debug_zone_t, reader_slot_next) == 3304 &&
+              offsetof(cmdb_debug_zone_t, reader_pids) == 3308 &&
               offsetof(cmdb_debug_zone_t, lock_stats) == 4336);
-static_assert(offsetof(cmdb_debug_zone_t, reserved5) == 0x28F0 && offsetof(cmdb_debug_zone_t, event_log_level) == 0x5520);
+static_assert(offsetof(cmdb_debug_zone_t, reserved5) == 0x28F0 &&
+              offsetof(cmdb_debug_zone_t, event_log_level) == 0x5520);
 static_assert(offsetof(cmdb_debug_zone_t, domain_slots) == 300940 && sizeof(cmdb_debug_zone_t) == 300960);
 static_assert(CMDB_DZ_SIZE(17) == 300960 + 17 * 276);
 

@@ -348,7 +348,8 @@ GK_API int cmf_var_list_alloc(const char* name) noexcept {
     // and fill past the end of the file (SIGBUS).
     int fd = cmdb_shm_open(region::kGrowableName, 1);
     if (fd >= 0) {
-      int r = ::ftruncate(fd, static_cast<off_t>(static_cast<size_t>(grown) * unit + region::kGrowableHeadSize));
+      const size_t bytes = static_cast<size_t>(grown) * unit + region::kGrowableHeadSize;
+      int r = ::ftruncate(fd, static_cast<off_t>(bytes));
       (void)r;   // a short file shows up as capacity no reader can map yet
       ::close(fd);
     }

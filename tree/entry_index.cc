@@ -195,7 +195,8 @@ constexpr size_t kTwoLevelBytes = size_t{6} << 20;
 
 template <class Cmp>
 Probe integer_search(const uint32_t* slot, int count, const KeyColumn& col, Cmp cmp) {
-  if (static_cast<size_t>(count) * (col.stride + kSlotBytes) <= kTwoLevelBytes) return halving_search_2(slot, count, col, cmp);
+  if (static_cast<size_t>(count) * (col.stride + kSlotBytes) <= kTwoLevelBytes)
+    return halving_search_2(slot, count, col, cmp);
   return halving_search_ahead(slot, count, col, cmp);
 }
 
