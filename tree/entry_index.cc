@@ -14,9 +14,8 @@ namespace {
 
 constexpr size_t kIndexHead = offsetof(cmdb_entry_index_t, slot);
 constexpr size_t kTableHead = offsetof(cmdb_table_block_t, entries);
-constexpr size_t kSlotBytes = sizeof(cmdb_entry_index_t::slot[0]);
 constexpr uint32_t index_bytes(int capacity) {
-  return static_cast<uint32_t>(kIndexHead + kSlotBytes * static_cast<size_t>(capacity));
+  return static_cast<uint32_t>(kIndexHead + sizeof(uint32_t) * static_cast<size_t>(capacity));
 }
 
 // Stands in for the key of a slot that names no entry in use: the search goes on
@@ -195,8 +194,7 @@ constexpr size_t kTwoLevelBytes = size_t{6} << 20;
 
 template <class Cmp>
 Probe integer_search(const uint32_t* slot, int count, const KeyColumn& col, Cmp cmp) {
-  if (static_cast<size_t>(count) * (col.stride + kSlotBytes) <= kTwoLevelBytes)
-    return halving_search_2(slot, count, col, cmp);
+  if (static_cast<size_t>(count) * (col.stride + 4) <= kTwoLevelBytes) return halving_search_2(slot, count, col, cmp);
   return halving_search_ahead(slot, count, col, cmp);
 }
 
@@ -220,7 +218,7 @@ Probe search(const cmdb_entry_index_t* ix, int count, const KeyColumn& col, cons
     const size_t n = col.size > 0 ? static_cast<size_t>(col.size) : 0;
     // Strings take the one-level search at every size: a comparison costs more
     // than a wasted level would save; past the caches, with the fetches ahead.
-    const bool ahead = static_cast<size_t>(count) * (col.stride + kSlotBytes) > kTwoLevelBytes;
+    const bool ahead = static_cast<size_t>(count) * (col.stride + 4) > kTwoLevelBytes;
     auto one_level = [&](auto cmp) {
       return ahead ? halving_search_ahead(s, count, col, cmp) : halving_search(s, 0, count - 1, col, cmp);
     };
@@ -286,7 +284,7 @@ int insert(uint32_t* index_shmid, cmdb_entry_index_t** pix, const KeyColumn& col
   // The table is about to open a gap at p: entries from p on move up by one.
   if (req->pos < count)
     for (int i = 0; i < count; ++i) ix->slot[i] += ix->slot[i] >= p;
-  memmove(&ix->slot[probe.at + 1], &ix->slot[probe.at], kSlotBytes * static_cast<size_t>(count - probe.at));
+  memmove(&ix->slot[probe.at + 1], &ix->slot[probe.at], 4 * static_cast<size_t>(count - probe.at));
   ix->slot[probe.at] = p;
   ix->count = count + 1;
   return 0;
@@ -318,10 +316,10 @@ int reposition(cmdb_entry_index_t* ix, const KeyColumn& col, const cmdb_index_re
   }
   const int lo = probe.at;
   if (k < lo - 1) {
-    memmove(&ix->slot[k], &ix->slot[k + 1], kSlotBytes * static_cast<size_t>(lo - 1 - k));
+    memmove(&ix->slot[k], &ix->slot[k + 1], 4 * static_cast<size_t>(lo - 1 - k));
     ix->slot[lo - 1] = p;
   } else if (k > lo) {
-    memmove(&ix->slot[lo + 1], &ix->slot[lo], kSlotBytes * static_cast<size_t>(k - lo));
+    memmove(&ix->slot[lo + 1], &ix->slot[lo], 4 * static_cast<size_t>(k - lo));
     ix->slot[lo] = p;
   }
   return 0;
@@ -371,7 +369,7 @@ GK_API int __cmf_svr_binary_del_index(void*, uint32_t* index_shmid, cmdb_entry_i
   const auto p = static_cast<uint32_t>(pos);
   for (int i = 0; i < count;) {
     if (ix->slot[i] == p) {
-      memmove(&ix->slot[i], &ix->slot[i + 1], tree::kSlotBytes * static_cast<size_t>(count - i - 1));
+      memmove(&ix->slot[i], &ix->slot[i + 1], 4 * static_cast<size_t>(count - i - 1));
       --count;
       continue;
     }
