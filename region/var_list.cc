@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <source_location>
 
 #include "alloc/alloc_internal.h"
 #include "gikraidrum.h"
@@ -279,13 +278,13 @@ namespace {
 // entries and records it: the new base, or null after a logged failure (the
 // old mapping stays). The message names `function` and the caller's line.
 void* remap_growable(void** pfield, uint32_t unit, uint32_t capacity, const char* function,
-                     std::source_location at = std::source_location::current()) {
+                     int line = __builtin_LINE()) {
   const size_t want = static_cast<size_t>(capacity) * unit + kGrowableHeadSize;
   void* moved = ::mremap(*pfield, mapped_length(*pfield, unit), want, MREMAP_MAYMOVE);
   if (moved == MAP_FAILED) {
     const int err = errno;
     util::log(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource, function,
-              static_cast<int>(at.line()));
+              line);
     return nullptr;
   }
   VarListState& st = state_of(growable().id);

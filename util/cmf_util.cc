@@ -38,8 +38,8 @@ void log(uint32_t level, const char* fmt, ...) {
   va_end(ap);
 }
 
-void log_alarm(const char* what, const char* source, const char* function, std::source_location at) {
-  log(3, "%s %s,%s,%d.\n", what, source, function, static_cast<int>(at.line()));
+void log_alarm(const char* what, const char* source, const char* function, int line) {
+  log(3, "%s %s,%s,%d.\n", what, source, function, line);
 }
 
 void vlog_event(int level, const char* fmt, va_list ap) {

@@ -7,7 +7,6 @@
 #include <sys/types.h>
 #include <unistd.h>
 
-#include <source_location>
 #include <utility>
 
 #include "gikraidrum.h"
@@ -66,8 +65,8 @@ void log(uint32_t level, const char* fmt, ...) __attribute__((format(printf, 2, 
 void vlog(uint32_t level, const char* fmt, va_list ap);
 // The short alarms, "<what> <source>,<function>,<line>." at level 3 ("Critical
 // error", "No memory", "Error"): the line is the caller's, a location only.
-void log_alarm(const char* what, const char* source, const char* function,
-               std::source_location at = std::source_location::current());
+// (__builtin_LINE: clang 14 with this libstdc++ has no std::source_location.)
+void log_alarm(const char* what, const char* source, const char* function, int line = __builtin_LINE());
 // The events subsystem's trace (dbg_cmdb_event at level 0): written only while
 // the debug zone's event log level is above 0, so events can be watched alone.
 void log_event(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -89,7 +88,7 @@ inline constexpr char kReceiver[] = "cmdb_event_daemon";
 
 // Messages whose line numbers hosts match: fixed here, so no edit of the
 // library moves them. Every other message prints its own line (__LINE__, or the
-// caller's std::source_location in helpers such as log_alarm), a location only.
+// caller's __builtin_LINE() in helpers such as log_alarm), a location only.
 struct Site {
   const char* source;
   const char* function;
