@@ -123,7 +123,8 @@ GK_API cmdb_node_desc_t __cli_fqdn_node = {
     .name = "fqdn", .help = "domain server name", .gid = CMDB_DOMAIN_GID + 1, .u20 = 0, .u22 = 0, .u24 = 2,
     .nchild = 0, .u27 = 0, .u28 = 0, .type_scope = CMDB_TYPE_STRING, .kind = CMDB_KIND_ATTR, .flags_a = 0,
     .u32_ = {}, .flags_b = CMDB_DESC_B_FLAG0, .flags_c = CMDB_DESC_C_NOCASE, .u36 = {}, .defaults = nullptr,
-    .refs = {}, .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1, .u88 = {}, .children = nullptr};
+    .refs = {}, .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1, .u88 = {},
+    .children = nullptr};
 
 // A table whose gid has no node is the caller's error; it reads as a node of
 // size 0 so that addressing stays inside the entry heads.
