@@ -59,7 +59,7 @@ void cmf_slab_add(cmdb_slab_header_t* slab, cmdb_slab_list_t* list) {
   if (list->head != 0) {
     cmdb_slab_header_t* old_head = slab_for_write(list->head);
     if (old_head == nullptr) {
-      util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_slab_add", __LINE__);
+      util::log_alarm("Critical error", kSrc, "cmf_slab_add");
       return;
     }
     old_head->prev = slab->page;
@@ -77,12 +77,12 @@ void cmf_slab_del(cmdb_slab_header_t* slab, cmdb_slab_list_t* list) {
   cmdb_slab_header_t* pred = nullptr;
   cmdb_slab_header_t* succ = nullptr;
   if (slab->prev != 0 && (pred = slab_for_write(slab->prev)) == nullptr) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_slab_del", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_slab_del");
     return;
   }
   if (slab->next != 0) {
     if ((succ = slab_for_write(slab->next)) == nullptr) {
-      util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_slab_del", __LINE__);
+      util::log_alarm("Critical error", kSrc, "cmf_slab_del");
       return;
     }
     succ->prev = slab->prev;
@@ -131,7 +131,7 @@ uint32_t large_threshold(const cmdb_slab_cache_table_t* ct) {
 void* resize_in_place(const PageMapSlot& s, uint32_t id, uint32_t size) {
   const uint32_t page = CMF_SHMID_PAGE(id);
   if (s.len < static_cast<int32_t>(kLargeHead) || static_cast<const cmdb_large_header_t*>(s.addr)->cache != -1) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_realloc", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_realloc");
     return nullptr;
   }
   char name[16];
@@ -145,14 +145,14 @@ void* resize_in_place(const PageMapSlot& s, uint32_t id, uint32_t size) {
   }
   const uint32_t len = size + kLargeHead;
   if (size > INT32_MAX - kLargeHead || ::ftruncate(fd.get(), off_t{len}) != 0) {
-    util::log(3, "No memory %s,%s,%d.\n", kSrc, "cmf_shm_realloc", __LINE__);
+    util::log_alarm("No memory", kSrc, "cmf_shm_realloc");
     return nullptr;
   }
   void* p = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
   if (p == MAP_FAILED) {
     // Put the length back, so the file still matches the table for everyone.
     (void)::ftruncate(fd.get(), old_len);
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_realloc", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_realloc");
     return nullptr;
   }
   fd.reset();
@@ -202,7 +202,7 @@ uint32_t alloc_large(uint32_t size) {
   int32_t page = -1;
   void* p = size <= INT32_MAX - kLargeHead ? new_page(size + kLargeHead, &page) : nullptr;
   if (p == nullptr) {
-    util::log(3, "No memory, %s,%s,%d.\n", kSrc, "__cmf_shm_alloc", __LINE__);
+    util::log_alarm("No memory,", kSrc, "__cmf_shm_alloc");
     return 0;
   }
   *static_cast<cmdb_large_header_t*>(p) = cmdb_large_header_t{-1, static_cast<uint32_t>(page)};
@@ -228,7 +228,7 @@ cmdb_slab_header_t* slab_with_room(int c, cmdb_slab_cache_t& d, int32_t* page) {
   const bool sane = d.num > 0 && d.slab_size <= INT32_MAX && slab_bytes(d) <= d.slab_size;
   auto* h = static_cast<cmdb_slab_header_t*>(sane ? new_page(d.slab_size, page) : nullptr);
   if (h == nullptr) {
-    util::log(3, "No memory, %s,%s,%d.\n", kSrc, "__cmf_shm_alloc", __LINE__);
+    util::log_alarm("No memory,", kSrc, "__cmf_shm_alloc");
     return nullptr;
   }
   h->cache = c;
@@ -247,7 +247,7 @@ uint32_t alloc_block(uint32_t size) {
   cmdb_slab_cache_table_t* ct = cache_table();
   const int c = find_cache(ct, size);
   if (ct == nullptr) {
-    util::log(3, "No memory, %s,%s,%d.\n", kSrc, "__cmf_shm_alloc", __LINE__);
+    util::log_alarm("No memory,", kSrc, "__cmf_shm_alloc");
     return 0;
   }
   if (c < 0) return alloc_large(size);
@@ -279,7 +279,7 @@ GK_API void* cmf_shm_alloc(uint32_t size, uint32_t* shmid) noexcept {
   if (id == 0) return nullptr;
   void* p = alloc::translate(id, 1);
   if (p == nullptr) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_alloc", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_alloc");
     return nullptr;
   }
   if (shmid != nullptr) *shmid = id;
@@ -291,7 +291,7 @@ GK_API int cmf_shm_free(uint32_t shmid) noexcept {
   const uint32_t page = CMF_SHMID_PAGE(shmid);
   const alloc::PageMapSlot* s = alloc::cmf_update_page(page, 1);
   if (s == nullptr || s->addr == nullptr || s->len < static_cast<int32_t>(alloc::kLargeHead)) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_free", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_free");
     return 0;
   }
   auto* h = static_cast<cmdb_slab_header_t*>(s->addr);
@@ -303,7 +303,7 @@ GK_API int cmf_shm_free(uint32_t shmid) noexcept {
   const uint32_t b = CMF_SHMID_BLKNO(shmid);
   if (ct == nullptr || h->cache < 0 || h->cache >= alloc::cache_count(ct) ||
       alloc::slab_bytes(ct->cache[h->cache]) > s->len || b >= ct->cache[h->cache].num || h->inuse == 0) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_free", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_free");
     return 0;
   }
   cmdb_slab_cache_t& d = ct->cache[h->cache];
@@ -311,7 +311,7 @@ GK_API int cmf_shm_free(uint32_t shmid) noexcept {
   if (void* blk = alloc::translate(shmid, 1); blk != nullptr)
     memset(blk, 0, d.objsize);
   else
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_free", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_free");
   h->next_free[b] = h->free;
   h->free = static_cast<int32_t>(b);
   h->inuse -= 1;
@@ -329,7 +329,7 @@ GK_API int cmf_shm_free(uint32_t shmid) noexcept {
 
 GK_API void* cmf_shm_realloc(void* ptr, uint32_t size, uint32_t* shmid, int group) noexcept {
   if (shmid == nullptr) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "cmf_shm_realloc", __LINE__);
+    util::log_alarm("Critical error", kSrc, "cmf_shm_realloc");
     return nullptr;
   }
   const uint32_t old_id = *shmid;

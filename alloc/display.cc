@@ -12,11 +12,17 @@
 
 namespace alloc {
 
+// The heap's chunk bookkeeping, as the estimate has always counted it: up to
+// the default mmap threshold a chunk spends one size word on its head; above
+// it the chunk is a mapping of its own, rounded to pages, with a two-word head.
+constexpr int32_t kMmapThreshold = 128 * 1024;
+constexpr int32_t kChunkHead = sizeof(size_t), kMappedChunkHead = 2 * sizeof(size_t);
+
 int estimate_from_usable(uint32_t usable, int page_size) {
   const auto n = static_cast<int32_t>(usable);
   if (n == 0) return 0;
-  if (n <= 131072) return n - 8;
-  return n - page_size + 16;
+  if (n <= kMmapThreshold) return n - kChunkHead;
+  return n - page_size + kMappedChunkHead;
 }
 
 }  // namespace alloc
@@ -37,7 +43,7 @@ GK_API void cmf_slab_display_page(void) noexcept {
     if (size == -1) continue;
     const alloc::PageMapSlot* s = alloc::cmf_update_page(static_cast<uint32_t>(i), 0);
     const cmdb_slab_cache_table_t* ct = alloc::cache_table();
-    const auto* h = s != nullptr && s->addr != nullptr && s->len >= 24
+    const auto* h = s != nullptr && s->addr != nullptr && s->len >= static_cast<int32_t>(alloc::kSlabHead)
                         ? static_cast<const cmdb_slab_header_t*>(s->addr)
                         : nullptr;
     const int32_t ncache = ct != nullptr ? alloc::cache_count(ct) : 0;
@@ -46,7 +52,7 @@ GK_API void cmf_slab_display_page(void) noexcept {
       printf("slabp:cache=%d,page=%d,inuse=%d,free=%d, cache:num=%d,objsize=%d.\n", h->cache,
              static_cast<int>(h->page), static_cast<int>(h->inuse), h->free, static_cast<int>(d.num),
              static_cast<int>(d.objsize));
-    } else if (s != nullptr && s->addr != nullptr && s->len >= 8 &&
+    } else if (s != nullptr && s->addr != nullptr && s->len >= static_cast<int32_t>(alloc::kLargeHead) &&
                static_cast<const cmdb_slab_header_t*>(s->addr)->cache == -1) {
       printf("slabp:cache=%d,page=%d, msize=%d.\n", -1,
              static_cast<int>(static_cast<const cmdb_slab_header_t*>(s->addr)->page), s->len);

@@ -20,14 +20,14 @@ int32_t size_from_shmid(uint32_t shmid) {
   const PageMap* m = page_map();
   const PageMapSlot* s = m != nullptr && page < static_cast<uint32_t>(m->count) ? &m->slot[page] : nullptr;
   if (s == nullptr || s->addr == nullptr || s->len < static_cast<int32_t>(kLargeHead)) {
-    util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_size_from_shmid", __LINE__);
+    util::log_alarm("Error", kSrc, "cmf_size_from_shmid");
     return -1;
   }
   const auto* h = static_cast<const cmdb_slab_header_t*>(s->addr);
   if (h->cache == -1) return s->len;
   const cmdb_slab_cache_table_t* ct = cache_table();
   if (ct == nullptr || h->cache < 0 || h->cache >= cache_count(ct)) {
-    util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_size_from_shmid", __LINE__);
+    util::log_alarm("Error", kSrc, "cmf_size_from_shmid");
     return -1;
   }
   return static_cast<int32_t>(ct->cache[h->cache].objsize);

@@ -183,7 +183,7 @@ const cmdb_page_table_t* sync_with_table(uint32_t page) {
     t = page_table();
   }
   if (page >= static_cast<uint32_t>(std::max<int32_t>(t->page_max, 0))) {
-    util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_update_page", __LINE__);
+    util::log_alarm("Error", kSrc, "cmf_update_page");
     return nullptr;
   }
   if (page_map() == nullptr) page_map_init(nullptr);
@@ -192,13 +192,13 @@ const cmdb_page_table_t* sync_with_table(uint32_t page) {
   // Another process has grown the table since this one last looked.
   if (cmdb.page_map_len != table_bytes(t->page_max)) {
     if (remap_page_table() != 0) {
-      util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_update_page", __LINE__);
+      util::log_alarm("Error", kSrc, "cmf_update_page");
       return nullptr;
     }
     t = page_table();
   }
   if (grow_page_map(usable_slots(t)) != 0) {
-    util::log(3, "Error %s,%s,%d.\n", kSrc, "cmf_update_page", __LINE__);
+    util::log_alarm("Error", kSrc, "cmf_update_page");
     return nullptr;
   }
   // A table file shorter than its page_max says leaves the page without a slot.
@@ -291,7 +291,7 @@ int32_t grow_table() {
   for (int32_t i = old_max; i < old_max + CMDB_PAGE_SLOTS_STEP; ++i) t->slot[i] = cmdb_page_slot_t{1, -1};
   t->page_max = old_max + CMDB_PAGE_SLOTS_STEP;
   if (grow_page_map(t->page_max) != 0) {
-    util::log(3, "No memory %s,%s,%d.\n", kSrc, "__cmf_alloc_page", __LINE__);
+    util::log_alarm("No memory", kSrc, "__cmf_alloc_page");
     return -1;
   }
   return old_max;
@@ -336,11 +336,11 @@ int32_t alloc_page(uint32_t len) {
   adopt_table_length();
   if (page_table() == nullptr || cmdb.page_maps == nullptr) page_map_init(nullptr);
   if (page_table() == nullptr || page_map() == nullptr) {
-    util::log(3, "Critical error %s,%s,%d.\n", kSrc, "__cmf_alloc_page", __LINE__);
+    util::log_alarm("Critical error", kSrc, "__cmf_alloc_page");
     return -1;
   }
   if (len == 0 || len > INT32_MAX || grow_page_map(usable_slots(page_table())) != 0) {
-    util::log(3, "No memory %s,%s,%d.\n", kSrc, "__cmf_alloc_page", __LINE__);
+    util::log_alarm("No memory", kSrc, "__cmf_alloc_page");
     return -1;
   }
   int32_t page = lowest_free_slot(page_table());

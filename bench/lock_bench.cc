@@ -12,7 +12,7 @@ namespace {
 // Lock files, sets and a debug zone for the bookkeeping, made once per process.
 void attach_locks() {
   static const bool ready = [] {
-    size_t len = DZ_DOMAIN_RECORDS + 17 * 276;
+    size_t len = CMDB_DZ_SIZE(17);
     void* zone = ::mmap(nullptr, len, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     if (zone == MAP_FAILED || cmdb_create_lock() != 0 || cmf_lock_init() != 0 ||
         debug_zone_rwlock_init() != 0)

@@ -90,7 +90,7 @@ std::optional<cmdb_event_entry_t> copy_record(uint16_t gid) {
 ActClass class_of_act(uint8_t act) { return act < kActTable.size() ? kActTable[act] : ActClass{}; }
 
 size_t socket_path(char* path, const char* process) {
-  int n = snprintf(path, kSocketPathBytes, "/tmp/EVENT_D_%.*s", CMDB_EVENT_NAME, process);
+  int n = snprintf(path, kSocketPathBytes, "%s%.*s", kSocketPrefix, CMDB_EVENT_NAME, process);
   if (n < 0) n = 0;
   return static_cast<size_t>(n) < kSocketPathBytes ? static_cast<size_t>(n) : kSocketPathBytes - 1;
 }

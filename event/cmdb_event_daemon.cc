@@ -22,6 +22,12 @@ constexpr int kEventCbs = 40;
 constexpr int kHandlersPerGid = 4;
 constexpr uint32_t kHeaderBytes = sizeof(cmdb_event_msg_t);
 
+// Results of cmdb_event_init and register_cmdb_event, as the header lists them.
+constexpr int kInitNoSocket = -1, kInitBindFailed = -83, kInitGetFlagsFailed = -91,
+              kInitSetFlagsFailed = -98;
+constexpr int kRegisterNoRoom = -1, kRegisterDuplicate = -2, kRegisterTableFailed = -3,
+              kRegisterHandlersFull = -4;
+
 struct HandlerSlot {
   uint8_t act;                 // classes this handler wants
   uint8_t flags;               // as registered
@@ -174,16 +180,16 @@ GK_API int cmdb_event_init(const char* process, int nonblock) noexcept {
   if (!sock.valid()) {
     const util::Site& at = util::site::kReceiverSocket;
     util::log(3, "%d,%s, %s:%d: socket failed\n", pid, g_event_process, at.source, at.line);
-    result = -1;
+    result = event::kInitNoSocket;
   } else if (::bind(sock.get(), reinterpret_cast<sockaddr*>(&addr),
                     static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path_len)) != 0) {
     const util::Site& at = util::site::kReceiverBind;
     util::log(3, "%d,%s, %s:%d: bind failed\n", pid, g_event_process, at.source, at.line);
-    result = -83;
+    result = event::kInitBindFailed;
   } else if (int fl = nonblock != 0 ? ::fcntl(sock.get(), F_GETFL) : 0; fl < 0) {
-    result = -91;
+    result = event::kInitGetFlagsFailed;
   } else if (nonblock != 0 && ::fcntl(sock.get(), F_SETFL, fl | O_NONBLOCK) != 0) {
-    result = -98;
+    result = event::kInitSetFlagsFailed;
   } else {
     result = sock.release();
   }
@@ -209,24 +215,24 @@ GK_API int register_cmdb_event(uint16_t gid, uint8_t act, uint8_t flags,
   }
   if (ecb == nullptr) {
     util::log_event("%d:%s no event_cb available!\n", pid, "register_cmdb_event");
-    return -1;
+    return event::kRegisterNoRoom;
   }
   util::log_event("%d:%s pid=[%s],obj==[%d]\n", pid, "register_cmdb_event", g_event_process, gid);
   for (event::HandlerSlot& slot : ecb->handlers) {
     if (slot.handler == handler) {
       util::log_event("%d:%s duplicated handler for pid %d\n", pid, "register_cmdb_event", gid);
-      return -2;
+      return event::kRegisterDuplicate;
     }
     if (slot.handler != nullptr) continue;
     // The shared table keeps one slot per process and gid: the latest handler's act and flags win.
     if (cmdb_register_event(g_event_process, gid, act, flags) != 0) {
       util::log_event("%d:%s register failed %d\n", pid, "register_cmdb_event", gid);
-      return -3;
+      return event::kRegisterTableFailed;
     }
     slot = {act, flags, handler};
     return 0;
   }
-  return -4;
+  return event::kRegisterHandlersFull;
 }
 
 GK_API void unregister_cmdb_event(uint16_t gid, cmdb_event_handler handler) noexcept {

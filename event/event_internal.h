@@ -20,9 +20,12 @@ struct ActClass {
 ActClass class_of_act(uint8_t act);
 
 // Writes "/tmp/EVENT_D_<name>" into the kSocketPathBytes at `path` (so a name
-// counts with its first 16 characters only) and returns the path's length: the
-// socket address length less 2.
-inline constexpr size_t kSocketPathBytes = 30;
+// counts with its first kSocketNameChars characters only) and returns the
+// path's length: the socket address length less 2.
+inline constexpr char kSocketPrefix[] = "/tmp/EVENT_D_";
+inline constexpr size_t kSocketNameChars = 16;
+inline constexpr size_t kSocketPathBytes = sizeof kSocketPrefix + kSocketNameChars;
+static_assert(kSocketPathBytes == 30);
 size_t socket_path(char* path, const char* process);
 
 // Builds and sends one message to `process`. 0 when the message was handed to
@@ -51,7 +54,7 @@ inline bool slot_free(const cmdb_event_proc_t& s) { return s.process[0] == '\0';
 // The largest total_size the receiver allocates without first asking the
 // kernel for the datagram's real length; it covers every message this library
 // sends for nodes up to 64 KiB with a descriptor of up to 64 KiB.
-inline constexpr uint32_t kTrustedMessageBytes = 48 + 2 * 65535 + 65536;
+inline constexpr uint32_t kTrustedMessageBytes = sizeof(cmdb_event_msg_t) + 2 * UINT16_MAX + 64 * 1024;
 
 // Makes `fd` the receiver's socket under the name `process`, as cmdb_event_init
 // does after binding, with an empty handler table. Lets tests and the fuzzer

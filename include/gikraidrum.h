@@ -204,12 +204,12 @@ typedef struct cmdb_record {
   void *cmdb_datasource;
   void *cmdb_global_rw;
   cmdb_header_t *header; /* == cmdb_global_rw */
-  void *stat_global;     /* cmdb_global_rw + 0x38 */
-  void *cmdb_global;
-  void *slab_caches;     /* cmdb_global + 0 */
-  uint32_t *index_roots; /* cmdb_global + 0x11C: flag, then five locator shmids */
-  void *table_limits;    /* cmdb_global + 0x134 */
-  void *services;        /* cmdb_global + 0xAE8 */
+  void *stat_global;     /* cmdb_global_rw + CMDB_HEADER_STAT_GLOBAL */
+  void *cmdb_global;     /* a cmdb_global_t; the next four point into it */
+  void *slab_caches;     /* &caches */
+  uint32_t *index_roots; /* &locators_ready, the locator shmids following it */
+  void *table_limits;    /* &table_limits */
+  void *services;        /* &services */
   void *cmdb_event;
   void *devices;
   void *debug_zone;
@@ -352,16 +352,8 @@ typedef struct cmdb_debug_zone {
   uint8_t reserved7[16];
 } cmdb_debug_zone_t;
 
-/* Offsets other processes and tools read the zone at. */
-#define DZ_EVENT_SWITCH offsetof(cmdb_debug_zone_t, event_switch)
-#define DZ_MAIL_MODE offsetof(cmdb_debug_zone_t, mail_mode)
-#define DZ_DEBUG_BYTE offsetof(cmdb_debug_zone_t, debug)
-#define DZ_READER_SLOT_NEXT offsetof(cmdb_debug_zone_t, reader_slot_next)
-#define DZ_READER_PIDS offsetof(cmdb_debug_zone_t, reader_pids)
-#define DZ_LOCK_STATS offsetof(cmdb_debug_zone_t, lock_stats)
-#define DZ_EVENT_LOG_LEVEL offsetof(cmdb_debug_zone_t, event_log_level)
-#define DZ_DOMAIN_SLOTS offsetof(cmdb_debug_zone_t, domain_slots)
-#define DZ_DOMAIN_RECORDS sizeof(cmdb_debug_zone_t)
+/* Bytes of a debug zone with `slots` (D + 1) per-domain records. */
+#define CMDB_DZ_SIZE(slots) (sizeof(cmdb_debug_zone_t) + (size_t)(slots) * CMDB_DZ_DOMAIN_RECORD)
 
 /* The main lock, one System V semaphore (key CMDB_SEM_KEY) at CMDB_RWLOCK_FULL
  * when free: a reader takes one unit, a writer all of them, each step with
@@ -646,13 +638,14 @@ typedef struct cmdb_sql_desc {
   const char *long1;
   const char *long2;
   uint8_t u48[15];
-  uint8_t flag; /* bit 7 */
+  uint8_t flag; /* CMDB_SQL_DESC_FLAG; the other bits are the host's */
 } cmdb_sql_desc_t;
+#define CMDB_SQL_DESC_FLAG 0x80u /* kept as 0 or 1 in cmdb_sql_node_t.flag */
 
 /* Record of `cmdb_sql_node` (CMDB_SQL_NODES of them). */
 typedef struct cmdb_sql_node {
   uint16_t gid;
-  uint8_t flag;  /* bit 7 of the description's flag byte */
+  uint8_t flag;  /* 1 when the description's flag has CMDB_SQL_DESC_FLAG */
   uint8_t reserved;
   char name1[32]; /* first short name, or a first long name over name1 and name2 */
   char name2[32];

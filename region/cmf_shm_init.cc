@@ -52,8 +52,7 @@ constexpr bool ids_are_a_permutation() {
   bool seen[kMaxVarListId + 1] = {};
   int n = 0;
   for (const Group& g : kVarListTable)
-    for (const VarList& vl : g.lists) {
-      if (vl.id == 0) break;
+    for (const VarList& vl : lists(g)) {
       if (vl.id > kMaxVarListId || seen[vl.id]) return false;
       seen[vl.id] = true;
       ++n;

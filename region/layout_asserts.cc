@@ -37,10 +37,15 @@ static_assert(sizeof(cmdb_var_list_head_t) == 16);
 GK_LAYOUT(cmdb_lock_stat_t);
 static_assert(sizeof(cmdb_lock_stat_t) == 24 && offsetof(cmdb_lock_stat_t, last_time) == 16);
 GK_LAYOUT(cmdb_debug_zone_t);
-static_assert(DZ_EVENT_SWITCH == 0 && DZ_MAIL_MODE == 8 && DZ_DEBUG_BYTE == 0x240);
-static_assert(DZ_READER_SLOT_NEXT == 3304 && DZ_READER_PIDS == 3308 && DZ_LOCK_STATS == 4336);
-static_assert(offsetof(cmdb_debug_zone_t, reserved5) == 0x28F0 && DZ_EVENT_LOG_LEVEL == 0x5520);
-static_assert(DZ_DOMAIN_SLOTS == 300940 && DZ_DOMAIN_RECORDS == 300960);
+static_assert(offsetof(cmdb_debug_zone_t, event_switch) == 0 && offsetof(cmdb_debug_zone_t, mail_mode) == 8 &&
+              offsetof(cmdb_debug_zone_t, debug) == 0x240);
+static_assert(offsetof(cmdb_debug_zone_t, reader_slot_next) == 3304 &&
+              offsetof(cmdb_debug_zone_t, reader_pids) == 3308 &&
+              offsetof(cmdb_debug_zone_t, lock_stats) == 4336);
+static_assert(offsetof(cmdb_debug_zone_t, reserved5) == 0x28F0 &&
+              offsetof(cmdb_debug_zone_t, event_log_level) == 0x5520);
+static_assert(offsetof(cmdb_debug_zone_t, domain_slots) == 300940 && sizeof(cmdb_debug_zone_t) == 300960);
+static_assert(CMDB_DZ_SIZE(17) == 300960 + 17 * 276);
 
 GK_LAYOUT(cmdb_page_slot_t);
 static_assert(sizeof(cmdb_page_slot_t) == 8 && offsetof(cmdb_page_table_t, slot) == 8);

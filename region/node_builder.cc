@@ -151,7 +151,7 @@ int fill_sql_record(Build& b, uint16_t gid, const cmdb_sql_desc_t* s) {
   if (s->long1 != nullptr) copy_name(name1, s->long1, kLong);
   if (s->long2 != nullptr) copy_name(rec + offsetof(cmdb_sql_node_t, name3), s->long2, kLong);
   if (s->number != 0) memcpy(rec + offsetof(cmdb_sql_node_t, name3), &s->number, sizeof s->number);
-  rec[offsetof(cmdb_sql_node_t, flag)] = (s->flag >> 7) & 1;
+  rec[offsetof(cmdb_sql_node_t, flag)] = (s->flag & CMDB_SQL_DESC_FLAG) != 0;
   return b.sql_count++;
 }
 

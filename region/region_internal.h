@@ -77,7 +77,7 @@ struct Group {
 extern const Group kVarListTable[kGroupCount];
 
 // The var lists a group holds: its slots up to the first empty one.
-inline std::span<const VarList> lists(const Group& g) {
+constexpr std::span<const VarList> lists(const Group& g) {
   size_t n = 0;
   while (n < kVarListSlots && g.lists[n].id != 0) ++n;
   return {g.lists, n};

@@ -204,7 +204,7 @@ int fill_debug_zone(const VarList& vl) {
   cmdb_create_lock();
   const int64_t slots = static_cast<int64_t>(g_domain_capacity) + 1;
   if (slots < 0) return -1;
-  Image img(sizeof(cmdb_debug_zone_t) + static_cast<size_t>(slots) * CMDB_DZ_DOMAIN_RECORD);
+  Image img(CMDB_DZ_SIZE(slots));
   if (img.bytes == nullptr) return -1;
   img.as<cmdb_debug_zone_t>()->domain_slots = static_cast<uint32_t>(slots);
   return img.write_to(state_of(vl.id).fd);
@@ -271,6 +271,31 @@ void forget_page_map() {
 
 using region::kSource;
 
+namespace region {
+namespace {
+
+// Remaps this process's mapping of the growable list at *pfield to `capacity`
+// entries and records it: the new base, or null after a logged failure (the
+// old mapping stays). The message names `function` and the caller's line.
+void* remap_growable(void** pfield, uint32_t unit, uint32_t capacity, const char* function,
+                     int line = __builtin_LINE()) {
+  const size_t want = static_cast<size_t>(capacity) * unit + kGrowableHeadSize;
+  void* moved = ::mremap(*pfield, mapped_length(*pfield, unit), want, MREMAP_MAYMOVE);
+  if (moved == MAP_FAILED) {
+    const int err = errno;
+    util::log(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource, function,
+              line);
+    return nullptr;
+  }
+  VarListState& st = state_of(growable().id);
+  *pfield = st.mapped = moved;
+  st.mapped_len = want;
+  return moved;
+}
+
+}  // namespace
+}  // namespace region
+
 extern "C" {
 
 GK_API void cmf_var_list_set_unit(void* base, uint32_t unit) noexcept {
@@ -291,22 +316,9 @@ GK_API int cmf_var_list_update(void** pfield) noexcept {
   if (unit == 0) return -2;
   dbgz_rlock(1);
   uint32_t capacity = region::load_shared(head->capacity);
-  if (region::g_known_capacity < capacity) {
-    region::VarListState& st = region::state_of(vl.id);
-    size_t want = static_cast<size_t>(capacity) * unit + region::kGrowableHeadSize;
-    size_t have = region::mapped_length(*pfield, unit);
-    void* moved = ::mremap(*pfield, have, want, MREMAP_MAYMOVE);
-    if (moved == MAP_FAILED) {
-      int err = errno;
-      util::log(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource,
-                "cmf_var_list_update", __LINE__);
-    } else {
-      *pfield = moved;
-      st.mapped = moved;
-      st.mapped_len = want;
-      region::g_known_capacity = capacity;
-    }
-  }
+  if (region::g_known_capacity < capacity &&
+      region::remap_growable(pfield, unit, capacity, "cmf_var_list_update") != nullptr)
+    region::g_known_capacity = capacity;
   dbgz_runlock(1);
   return 0;
 }
@@ -324,32 +336,23 @@ GK_API int cmf_var_list_alloc(const char* name) noexcept {
   // EXCLUSIVE: capacity and the file's length change together.
   uint32_t unit = region::load_shared(head->unit);
   uint32_t capacity = region::load_shared(head->capacity);
-  if (capacity <= region::load_shared(head->used)) {
-    region::VarListState& st = region::state_of(vl->id);
-    uint32_t grown = capacity + CMDB_VAR_LIST_STEP;
-    size_t want = static_cast<size_t>(grown) * unit + region::kGrowableHeadSize;
-    size_t have = region::mapped_length(*pfield, unit);
-    void* moved = ::mremap(*pfield, have, want, MREMAP_MAYMOVE);
-    if (moved == MAP_FAILED) {
-      int err = errno;
-      util::log(3, "mremap error %d size %zd, %s,%s,%d!\n", err, static_cast<ssize_t>(want), kSource,
-                "cmf_var_list_alloc", __LINE__);
-    } else {
-      *pfield = moved;
-      st.mapped = moved;
-      st.mapped_len = want;
-      head = static_cast<cmdb_var_list_head_t*>(moved);
-      // The file is lengthened before the capacity is published: a grower
-      // killed in between must not leave a capacity that other processes map
-      // and fill past the end of the file (SIGBUS).
-      int fd = cmdb_shm_open(region::kGrowableName, 1);
-      if (fd >= 0) {
-        int r = ::ftruncate(fd, static_cast<off_t>(want));
-        (void)r;   // a short file shows up as capacity no reader can map yet
-        ::close(fd);
-      }
-      std::atomic_ref<uint32_t>(head->capacity).store(grown, std::memory_order_release);
+  const uint32_t grown = capacity + CMDB_VAR_LIST_STEP;
+  void* moved = capacity <= region::load_shared(head->used)
+                    ? region::remap_growable(pfield, unit, grown, "cmf_var_list_alloc")
+                    : nullptr;
+  if (moved != nullptr) {
+    head = static_cast<cmdb_var_list_head_t*>(moved);
+    // The file is lengthened before the capacity is published: a grower
+    // killed in between must not leave a capacity that other processes map
+    // and fill past the end of the file (SIGBUS).
+    int fd = cmdb_shm_open(region::kGrowableName, 1);
+    if (fd >= 0) {
+      const size_t bytes = static_cast<size_t>(grown) * unit + region::kGrowableHeadSize;
+      int r = ::ftruncate(fd, static_cast<off_t>(bytes));
+      (void)r;   // a short file shows up as capacity no reader can map yet
+      ::close(fd);
     }
+    std::atomic_ref<uint32_t>(head->capacity).store(grown, std::memory_order_release);
   }
   dbgz_wunlock(1);
   return 0;

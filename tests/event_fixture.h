@@ -37,8 +37,8 @@ class EventRegion {
   EventRegion& operator=(const EventRegion&) = delete;
 
   // The events subsystem logs at level 0: a level of 1 lets every line through.
-  void set_event_log_level(int32_t level) { region.dz_word(DZ_EVENT_LOG_LEVEL) = static_cast<uint32_t>(level); }
-  void set_events_switch(uint32_t v) { region.dz_word(DZ_EVENT_SWITCH) = v; }
+  void set_event_log_level(int32_t level) { region.dz().event_log_level = level; }
+  void set_events_switch(uint32_t v) { region.dz().event_switch = v; }
 
   static constexpr size_t kEventBytes = 49800;
   cmdb_event_table_t* table = nullptr;

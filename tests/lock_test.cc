@@ -53,9 +53,9 @@ class LockTest : public ::testing::Test {
     ASSERT_EQ(0, debug_zone_rwlock_init());
   }
   void TearDown() override { cmf_lock_cleanup(); }
-  uint8_t* zone() { return static_cast<uint8_t*>(region_.debug_zone); }
-  cmdb_lock_stat_t* stats() { return reinterpret_cast<cmdb_lock_stat_t*>(zone() + DZ_LOCK_STATS); }
-  uint32_t* reader_pids() { return reinterpret_cast<uint32_t*>(zone() + DZ_READER_PIDS); }
+  cmdb_debug_zone_t& zone() { return region_.dz(); }
+  cmdb_lock_stat_t* stats() { return zone().lock_stats; }
+  uint32_t* reader_pids() { return zone().reader_pids; }
   gk::test::MiniRegion region_;
 };
 
@@ -74,7 +74,7 @@ TEST_F(LockTest, WriterWaitsForReaderOfAnotherProcess) {
     EXPECT_EQ(0, cmf_shm_lock_val());
     EXPECT_EQ(0, writer.finish());
     EXPECT_EQ(kFull, cmf_shm_lock_val());
-    EXPECT_EQ(0u, zone != nullptr ? 0u : stats()[0].pid | this->zone()[DZ_READER_SLOT_NEXT]);  // untraced: nothing
+    EXPECT_EQ(0u, zone != nullptr ? 0u : stats()[0].pid | this->zone().reader_slot_next);  // untraced: nothing
   }
 }
 
@@ -177,7 +177,7 @@ TEST_F(LockTest, LockStatsAndReaderSlots) {
       EXPECT_EQ(i == free_rec, memcmp(&before[i], &stats()[i], sizeof(cmdb_lock_stat_t)) != 0) << i;
   }
   // Reader slots wrap after 255 and tell holders apart.
-  zone()[DZ_READER_SLOT_NEXT] = 255;
+  zone().reader_slot_next = 255;
   Holder other(cmf_shm_read_lock, cmf_shm_read_unlock);
   ASSERT_TRUE(other.held());
   cmf_shm_read_lock();

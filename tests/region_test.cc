@@ -74,8 +74,8 @@ TEST_F(RegionTest, CreationLaysOutEverySubRegion) {
                               file_size(kDir + "domname_index")));
     auto zone = gk::test::read_file(kDir + "debug_zone");
     ASSERT_EQ(row.zone, static_cast<long>(zone.size()));
-    EXPECT_EQ(row.slots, at(zone.data(), DZ_DOMAIN_SLOTS));
-    memset(zone.data() + DZ_DOMAIN_SLOTS, 0, 4);
+    EXPECT_EQ(row.slots, at(zone.data(), offsetof(cmdb_debug_zone_t, domain_slots)));
+    memset(zone.data() + offsetof(cmdb_debug_zone_t, domain_slots), 0, 4);
     EXPECT_TRUE(all_zero(zone.data(), zone.size()));
   }
   struct { const char* name; long len; bool zero; } files[] = {
@@ -228,7 +228,7 @@ TEST_F(CreatedTest, ReadersMapDataReadOnlyAndStatusReadWrite) {
   ASSERT_EQ(0, gk::test::run_child([] {
     if (init_cmdb_app_core(1) != 0 || cmdb.flags != (CMDB_FLAG_ATTACHED | CMDB_FLAG_INITIALIZED)) return 2;
     if (cmdb.daemon_status != nullptr || nCfg_debug_zone != cmdb.debug_zone) return 3;
-    static_cast<uint32_t*>(cmdb.debug_zone)[DZ_MAIL_MODE / 4] = 4;
+    static_cast<cmdb_debug_zone_t*>(cmdb.debug_zone)->mail_mode = 4;
     return 0;
   }));
   ASSERT_EQ(0, init_cmdb_app_core(3));

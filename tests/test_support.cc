@@ -161,7 +161,7 @@ std::string capture_output(const std::function<void()>& fn, int fd) {
 
 MiniRegion::MiniRegion() {
   header_base = map_region_file("cmdb_global_rw", CMDB_GLOBAL_RW_SIZE);
-  debug_zone_len = (16 + 1) * 276 + DZ_DOMAIN_RECORDS;
+  debug_zone_len = CMDB_DZ_SIZE(16 + 1);
   debug_zone = map_region_file("debug_zone", debug_zone_len);
   auto* h = static_cast<cmdb_header_t*>(header_base);
   h->magic = CMDB_HEADER_MAGIC;
@@ -169,7 +169,7 @@ MiniRegion::MiniRegion() {
   h->nodes = 1603;
   h->max_gid = CMDB_MAX_GID;
   h->sql = 85;
-  dz_word(DZ_DOMAIN_SLOTS) = 17;
+  dz().domain_slots = 17;
   cmdb.cmdb_global_rw = header_base;
   cmdb.header = h;
   cmdb.stat_global = static_cast<char*>(header_base) + CMDB_HEADER_STAT_GLOBAL;

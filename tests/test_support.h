@@ -94,7 +94,7 @@ struct MiniRegion {
   void* header_base = nullptr;
   void* debug_zone = nullptr;
   size_t debug_zone_len = 0;
-  uint32_t& dz_word(size_t off) { return *reinterpret_cast<uint32_t*>(static_cast<char*>(debug_zone) + off); }
+  cmdb_debug_zone_t& dz() { return *static_cast<cmdb_debug_zone_t*>(debug_zone); }
 };
 
 }  // namespace gk::test

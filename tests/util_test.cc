@@ -197,7 +197,7 @@ TEST(BootValuesTest, OpmodeNames) {
                                                {3, "Unknown 3"}, {0, "Unknown 0"}, {INT_MIN, "Unknown -2147483648"}};
   for (const auto& [mode, name] : cases) EXPECT_STREQ(name, orv_opmode_name(mode)) << mode;
   gk::test::MiniRegion region;
-  region.dz_word(DZ_MAIL_MODE) = 4;
+  region.dz().mail_mode = 4;
   EXPECT_STREQ("Transparent", orv_opmode_name(0));
 }
 

@@ -110,7 +110,9 @@ int walk_descriptors(cmdb_node_desc_t* desc, DescVisitor visitor, void* ctx) {
 extern "C" {
 
 // Descriptors the command line uses for the domain table and its name; the
-// node builder visits the first one before the host's schema.
+// node builder visits the first one before the host's schema. u24, u86 and the
+// domain's flags_c bit 0x08 are the hosts' and carried as they always were; the
+// library reads none of them. The fqdn attribute's gid follows the domain's.
 GK_API cmdb_node_desc_t __cli_domain_node = {
     .name = "domain", .help = "config domain objects", .gid = CMDB_DOMAIN_GID, .u20 = 0, .u22 = 0,
     .u24 = 0x41, .nchild = 0, .u27 = 0, .u28 = 0, .type_scope = CMDB_SCOPE_GLOBAL_TOO << CMDB_DESC_SCOPE_SHIFT,
@@ -118,10 +120,11 @@ GK_API cmdb_node_desc_t __cli_domain_node = {
     .defaults = nullptr, .refs = {}, .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1,
     .u88 = {}, .children = nullptr};
 GK_API cmdb_node_desc_t __cli_fqdn_node = {
-    .name = "fqdn", .help = "domain server name", .gid = 92, .u20 = 0, .u22 = 0, .u24 = 2, .nchild = 0,
-    .u27 = 0, .u28 = 0, .type_scope = CMDB_TYPE_STRING, .kind = CMDB_KIND_ATTR, .flags_a = 0, .u32_ = {},
-    .flags_b = CMDB_DESC_B_FLAG0, .flags_c = CMDB_DESC_C_NOCASE, .u36 = {}, .defaults = nullptr, .refs = {},
-    .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1, .u88 = {}, .children = nullptr};
+    .name = "fqdn", .help = "domain server name", .gid = CMDB_DOMAIN_GID + 1, .u20 = 0, .u22 = 0, .u24 = 2,
+    .nchild = 0, .u27 = 0, .u28 = 0, .type_scope = CMDB_TYPE_STRING, .kind = CMDB_KIND_ATTR, .flags_a = 0,
+    .u32_ = {}, .flags_b = CMDB_DESC_B_FLAG0, .flags_c = CMDB_DESC_C_NOCASE, .u36 = {}, .defaults = nullptr,
+    .refs = {}, .source = nullptr, .u72 = {}, .size = 256, .offset = 0, .u84 = 0, .u86 = 1, .u88 = {},
+    .children = nullptr};
 
 // A table whose gid has no node is the caller's error; it reads as a node of
 // size 0 so that addressing stays inside the entry heads.

@@ -10,6 +10,10 @@
 #include "tree/tree_internal.h"
 
 namespace tree {
+
+// What the getters answer for a table without limits.
+constexpr uint32_t kNoLimit = UINT32_MAX;
+
 namespace {
 
 // Records the block can hold, whatever its count says: a damaged count must not
@@ -80,17 +84,17 @@ GK_API cmdb_table_limit_t* cmf_get_tablesize(uint32_t gid) noexcept { return tre
 
 GK_API uint32_t cmf_get_table_tcnt(uint32_t gid) noexcept {
   const cmdb_table_limit_t* r = tree::find_record(gid);
-  return r == nullptr ? 0xFFFFFFFFu : r->tcnt;
+  return r == nullptr ? tree::kNoLimit : r->tcnt;
 }
 
 GK_API uint32_t cmf_get_max_table_entry(uint32_t gid) noexcept {
   const cmdb_table_limit_t* r = tree::find_record(gid);
-  return r == nullptr ? 0xFFFFFFFFu : r->size;
+  return r == nullptr ? tree::kNoLimit : r->size;
 }
 
 GK_API uint32_t cmf_get_max_table_tentry(uint32_t gid) noexcept {
   const cmdb_table_limit_t* r = tree::find_record(gid);
-  return r == nullptr ? 0xFFFFFFFFu : r->tsize;
+  return r == nullptr ? tree::kNoLimit : r->tsize;
 }
 
 }  // extern "C"

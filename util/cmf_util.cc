@@ -38,6 +38,10 @@ void log(uint32_t level, const char* fmt, ...) {
   va_end(ap);
 }
 
+void log_alarm(const char* what, const char* source, const char* function, int line) {
+  log(3, "%s %s,%s,%d.\n", what, source, function, line);
+}
+
 void vlog_event(int level, const char* fmt, va_list ap) {
   auto* dz = static_cast<cmdb_debug_zone_t*>(nCfg_debug_zone);
   if (dz == nullptr) return;

@@ -63,6 +63,10 @@ const char* progname();
 // header is mapped; standard output under the debug bit, else do_message.
 void log(uint32_t level, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 void vlog(uint32_t level, const char* fmt, va_list ap);
+// The short alarms, "<what> <source>,<function>,<line>." at level 3 ("Critical
+// error", "No memory", "Error"): the line is the caller's, a location only.
+// (__builtin_LINE: clang 14 with this libstdc++ has no std::source_location.)
+void log_alarm(const char* what, const char* source, const char* function, int line = __builtin_LINE());
 // The events subsystem's trace (dbg_cmdb_event at level 0): written only while
 // the debug zone's event log level is above 0, so events can be watched alone.
 void log_event(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
@@ -83,7 +87,8 @@ inline constexpr char kReceiver[] = "cmdb_event_daemon";
 }  // namespace src
 
 // Messages whose line numbers hosts match: fixed here, so no edit of the
-// library moves them. Every other message prints __LINE__, a location only.
+// library moves them. Every other message prints its own line (__LINE__, or the
+// caller's __builtin_LINE() in helpers such as log_alarm), a location only.
 struct Site {
   const char* source;
   const char* function;

@@ -13,7 +13,8 @@
 namespace writer::detail {
 namespace {
 
-constexpr uint32_t kIndexSlots = 16;  // a new entry index has room for this many
+// A new entry index has room for this many slots, and grows by at least as many.
+constexpr uint32_t kIndexSlots = CMDB_INDEX_STEP;
 constexpr uint32_t kMaxDepth = 64;    // deeper than any schema: a loop of handles
 
 // Growth of every array here: half again, at least `step`.
@@ -352,7 +353,7 @@ int root_add(Tx& tx, const Place& home, uint16_t gid, Place* out) {
 // ---- Locator records ------------------------------------------------------------
 
 int locator(Tx& tx, int group, Block* out) {
-  const uint32_t shmid = group >= 0 && group < kGroups ? cmdb.index_roots[1 + group] : 0;
+  const uint32_t shmid = group >= 0 && group < CMDB_LOCATOR_GROUPS ? cmdb.index_roots[1 + group] : 0;
   if (shmid == 0) return tx.fail(-EIO, "the region is damaged: entry group %d has no locator block", group);
   if (int r = open_block(tx, shmid, out); r != 0) return r;
   const auto* l = out->as<cmdb_locator_block_t>();
@@ -436,7 +437,7 @@ int locator_add(Tx& tx, const cmdb_locator_rec_t& rec) {
 
 int locator_remove(Tx& tx, uint32_t ngid) {
   const int group = static_cast<int>(ngid >> 24);
-  if (group >= kGroups || cmdb.index_roots[1 + group] == 0) return 0;
+  if (group >= CMDB_LOCATOR_GROUPS || cmdb.index_roots[1 + group] == 0) return 0;
   Block b;
   if (int r = locator(tx, group, &b); r != 0) return r;
   auto* l = b.as<cmdb_locator_block_t>();

@@ -30,10 +30,9 @@ uint32_t rec_offset(uint32_t rec) { return kDomainHead + rec * kRecSize; }
 // global context). The smallest of those and of the mapped room bounds what
 // may be written.
 int32_t capacity() {
-  int32_t d = cmdb_get_table_size(kDomainGid, static_cast<int>(cmdb.header->platform));
+  int32_t d = cmdb_get_table_size(CMDB_DOMAIN_GID, static_cast<int>(cmdb.header->platform));
   if (cmdb.debug_zone != nullptr) {
-    uint32_t slots = 0;
-    memcpy(&slots, static_cast<const uint8_t*>(cmdb.debug_zone) + DZ_DOMAIN_SLOTS, 4);
+    const uint32_t slots = static_cast<const cmdb_debug_zone_t*>(cmdb.debug_zone)->domain_slots;
     if (slots > 0) d = std::min<int32_t>(d, static_cast<int32_t>(slots - 1));
   }
   return std::max(std::min(d, domain_slots()), 0);
@@ -105,8 +104,8 @@ int ConfigWriter::add_domain(const char* name, uint32_t id) {
   insert_at(id_index(), count, by_id, static_cast<uint32_t>(count));
   insert_at(name_index(), count, by_name, static_cast<uint32_t>(count));
   t->count = count + 1;
-  if (int r = tcnt_add(tx, kDomainGid, 1); r != 0) return call.done(r);
-  announce(kDomainGid, 1, id, nullptr, rec.name, 0, kNameField);
+  if (int r = tcnt_add(tx, CMDB_DOMAIN_GID, 1); r != 0) return call.done(r);
+  announce(CMDB_DOMAIN_GID, 1, id, nullptr, rec.name, 0, kNameField);
   return call.done(0);
 }
 
@@ -134,7 +133,7 @@ int ConfigWriter::rename_domain(uint32_t id, const char* name) {
   memset(r.name, 0, kNameField);
   strcpy(r.name, name);
   insert_at(names, count - 1, name_position(names, count - 1, name), static_cast<uint32_t>(rec));
-  announce(kDomainGid, 2, id, old, r.name, 0, kNameField);
+  announce(CMDB_DOMAIN_GID, 2, id, old, r.name, 0, kNameField);
   return call.done(0);
 }
 
@@ -177,8 +176,8 @@ int ConfigWriter::remove_domain(uint32_t id) {
   memmove(&t->rec[rec], &t->rec[rec + 1], sizeof(cmdb_domain_rec_t) * static_cast<size_t>(count - rec - 1));
   memset(&t->rec[count - 1], 0, sizeof(cmdb_domain_rec_t));
   t->count = count - 1;
-  if (int r = tcnt_add(tx, kDomainGid, -1); r != 0) return call.done(r);
-  announce(kDomainGid, 11, id, old, nullptr, 0, kNameField);
+  if (int r = tcnt_add(tx, CMDB_DOMAIN_GID, -1); r != 0) return call.done(r);
+  announce(CMDB_DOMAIN_GID, 11, id, old, nullptr, 0, kNameField);
   return call.done(0);
 }
 

@@ -50,7 +50,7 @@ struct Applier::ContextPlan {
 
 namespace {
 
-bool case_insensitive(const Element& table) { return (table.desc->flags_c & 0x10) != 0; }
+bool case_insensitive(const Element& table) { return (table.desc->flags_c & CMDB_DESC_C_NOCASE) != 0; }
 
 std::string folded(std::string s) {
   for (char& c : s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));

@@ -25,12 +25,13 @@ const Element* Element::child(const std::string& n) const {
 
 namespace {
 
-uint8_t kind_of(const cmdb_node_desc_t* d) { return d->kind & 15; }
-uint8_t type_of(const cmdb_node_desc_t* d) { return d->type_scope & 15; }
+uint8_t kind_of(const cmdb_node_desc_t* d) { return d->kind & CMDB_DESC_NIBBLE; }
+uint8_t type_of(const cmdb_node_desc_t* d) { return d->type_scope & CMDB_DESC_NIBBLE; }
+bool is_table(uint8_t kind) { return kind == CMDB_KIND_TABLE || kind == CMDB_KIND_SUBTABLE; }
 
 bool has_block(const cmdb_node_desc_t* d) {
   uint8_t k = kind_of(d);
-  return k == 2 || k == 3 || k == 4 || (k == 6 && type_of(d) == 13);
+  return is_table(k) || k == CMDB_KIND_OBJECT || (k == CMDB_KIND_LIST && type_of(d) == CMDB_TYPE_LIST);
 }
 
 Field field_of(const cmdb_node_desc_t* d) {
@@ -50,7 +51,7 @@ void name_all(const cmdb_node_desc_t* d, const std::string& prefix, std::map<uin
   uint8_t k = kind_of(d);
   for (unsigned i = 0; i < d->nchild; ++i) {
     const cmdb_node_desc_t* c = d->children[i];
-    if ((k == 2 || k == 3) && i == 0) {
+    if (is_table(k) && i == 0) {
       (*names)[static_cast<uint16_t>(c->gid)] = path + "." + c->name;
       for (unsigned j = 0; j < c->nchild; ++j) name_all(c->children[j], path, names);
     } else {
@@ -66,7 +67,7 @@ bool region_exists() {
 
 bool has_default_block(const cmdb_node_desc_t* d) {
   const uint8_t k = kind_of(d);
-  return k == 2 || k == 3 || k == 4 || k == 8;
+  return is_table(k) || k == CMDB_KIND_OBJECT || k == CMDB_KIND_DEFAULTS;
 }
 
 // The default blocks as the region's builder fills them, in its walk order:
@@ -75,8 +76,9 @@ bool has_default_block(const cmdb_node_desc_t* d) {
 void collect_defaults(const cmdb_node_desc_t* d, std::map<uint16_t, std::vector<uint8_t>>* out) {
   if (d->gid != 0 && has_default_block(d)) {
     std::vector<uint8_t> block(d->size, 0);
-    if (kind_of(d) != 8 && d->defaults != nullptr) memcpy(block.data(), d->defaults, d->size);
-    if (!(d->flags_b & 1) && d->source != nullptr) {
+    if (kind_of(d) != CMDB_KIND_DEFAULTS && d->defaults != nullptr)
+      memcpy(block.data(), d->defaults, d->size);
+    if (!(d->flags_b & CMDB_DESC_B_SQL) && d->source != nullptr) {
       uint32_t word;
       memcpy(&word, d->source, sizeof word);
       auto from = out->find(static_cast<uint16_t>(word));
@@ -85,7 +87,7 @@ void collect_defaults(const cmdb_node_desc_t* d, std::map<uint16_t, std::vector<
     }
     (*out)[static_cast<uint16_t>(d->gid)] = std::move(block);
   }
-  if (kind_of(d) == 10) return;
+  if (kind_of(d) == CMDB_KIND_OPAQUE) return;
   for (unsigned i = 0; i < d->nchild; ++i) collect_defaults(d->children[i], out);
 }
 
@@ -118,7 +120,7 @@ Model::Model(schema::Schema s) : schema_(std::move(s)) {
     const cmdb_node_desc_t* d = root->children[i];
     name_all(d, "", &names_);
     uint8_t k = kind_of(d);
-    if (k == 2 || k == 3 || k == 4) tops_.push_back(build(d, nullptr));
+    if (is_table(k) || k == CMDB_KIND_OBJECT) tops_.push_back(build(d, nullptr));
   }
   // Last: a constructor that throws must leave no namer behind.
   previous_namer_ = writer::set_node_namer([this](uint16_t gid) {
@@ -138,9 +140,9 @@ Element* Model::build(const cmdb_node_desc_t* d, const Element* parent) {
   e->path = parent != nullptr ? parent->path + "." + e->name : e->name;
   e->gid = static_cast<uint16_t>(d->gid);
   e->kind = kind_of(d);
-  e->scope = (d->type_scope >> 4) & 3;
+  e->scope = (d->type_scope >> CMDB_DESC_SCOPE_SHIFT) & CMDB_DESC_SCOPE_MASK;
   e->size = d->size;
-  e->table = e->kind == 2 || e->kind == 3;
+  e->table = is_table(e->kind);
   e->parent = parent;
   e->defaults = default_blocks_[e->gid];
   e->defaults.resize(e->size);
@@ -191,7 +193,7 @@ const Element* Model::element(const std::string& path) const {
 }
 
 std::string Model::name_of(uint16_t gid) const {
-  if (gid == 91) return "domain";
+  if (gid == CMDB_DOMAIN_GID) return "domain";
   auto it = names_.find(gid);
   return it == names_.end() ? format("gid %u", gid) : it->second;
 }

@@ -31,8 +31,10 @@ struct Field {
   uint8_t type = 0;
   uint16_t size = 0;
   uint16_t offset = 0;
-  bool is_string() const { return type == 2 || type == 5 || type == 13; }
-  bool is_ipv4() const { return type == 4 && size == 4; }
+  // Type 4 of 4 bytes is the hosts' IPv4 address, which the writer shows dotted.
+  static constexpr uint8_t kTypeIpv4 = 4;
+  bool is_string() const { return type < 32 && ((CMDB_STRING_TYPES >> type) & 1u) != 0; }
+  bool is_ipv4() const { return type == kTypeIpv4 && size == 4; }
   // Integers: every other type up to 8 bytes. Wider values are raw bytes.
   bool is_integer() const { return !is_string() && !is_ipv4() && size >= 1 && size <= 8; }
 };

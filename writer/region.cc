@@ -90,7 +90,7 @@ const Node* node_at(uint32_t offset) {
 const Node* node_of(uint32_t gid) {
   const uint16_t g = static_cast<uint16_t>(gid);
   // The node index has 1861 slots, so gid 1861 has none: it is no node here.
-  if (g == 0 || g >= kNodeIndexSlots || cmdb.cmdb_node_index == nullptr) return nullptr;
+  if (g == 0 || g >= CMDB_NODE_INDEX_SLOTS || cmdb.cmdb_node_index == nullptr) return nullptr;
   const Node* n = node_at(static_cast<const uint32_t*>(cmdb.cmdb_node_index)[g]);
   return n != nullptr && n->gid == g ? n : nullptr;
 }
@@ -138,7 +138,7 @@ int compare_values(const Node* n, const uint8_t* a, const uint8_t* b) {
 
 int entry_group(uint16_t gid) {
   const int g = cmdb_get_table_entry_grp(gid);
-  return g >= 0 && g < kGroups ? g : 0;
+  return g >= 0 && g < CMDB_LOCATOR_GROUPS ? g : 0;
 }
 
 // ---- Allocator blocks ------------------------------------------------------------
@@ -217,7 +217,7 @@ int check_heads(Tx& tx) {
   const auto* limits = static_cast<const cmdb_table_limits_t*>(cmdb.table_limits);
   if (limits == nullptr || limits->count > CMDB_TABLE_LIMITS_MAX)
     return tx.fail(-EIO, "the region is damaged: the table limits count %u records", limits == nullptr ? 0 : limits->count);
-  for (int g = 0; g < kGroups; ++g) {
+  for (int g = 0; g < CMDB_LOCATOR_GROUPS; ++g) {
     if (cmdb.index_roots[1 + g] == 0) continue;  // made again when first needed
     Block b;
     if (int r = locator(tx, g, &b); r != 0) return r;

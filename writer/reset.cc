@@ -53,7 +53,7 @@ void fresh_limits(uint32_t platform) {
   auto* lim = static_cast<cmdb_table_limits_t*>(cmdb.table_limits);
   memset(lim, 0, sizeof *lim);
   const int p = static_cast<int>(platform);
-  for (uint32_t gid = 1; gid < kNodeIndexSlots && lim->count < CMDB_TABLE_LIMITS_MAX; ++gid) {
+  for (uint32_t gid = 1; gid < CMDB_NODE_INDEX_SLOTS && lim->count < CMDB_TABLE_LIMITS_MAX; ++gid) {
     const Node* n = node_of(gid);
     if (n == nullptr || n->kind != CMDB_KIND_TABLE) continue;
     lim->rec[lim->count++] = {gid, 0, static_cast<uint32_t>(cmdb_get_table_size(gid, p)),
@@ -63,7 +63,7 @@ void fresh_limits(uint32_t platform) {
 }
 
 int fresh_locators(std::string* error) {
-  for (int g = 0; g < kGroups; ++g) {
+  for (int g = 0; g < CMDB_LOCATOR_GROUPS; ++g) {
     uint32_t shmid = 0;
     auto* l = static_cast<cmdb_locator_block_t*>(
         cmf_shm_alloc(kLocatorHead + 16 * CMDB_LOCATOR_CAPACITY, &shmid));

@@ -98,7 +98,7 @@ class Walker {
   }
 
   void locators() {
-    for (int g = 0; g < kGroups; ++g) {
+    for (int g = 0; g < CMDB_LOCATOR_GROUPS; ++g) {
       const uint32_t shmid = cmdb.index_roots[1 + g];
       if (shmid == 0) {
         if (!located_[g].empty()) fault("entry group %d: %zu entries and no locator block", g, located_[g].size());
@@ -132,7 +132,7 @@ class Walker {
     if (lim->count > CMDB_TABLE_LIMITS_MAX) return fault("table limits: %u records", lim->count);
     for (uint32_t i = 0; i < lim->count; ++i) {
       const cmdb_table_limit_t& r = lim->rec[i];
-      const uint32_t held = r.gid == kDomainGid ? report.domains : totals_[static_cast<uint16_t>(r.gid)];
+      const uint32_t held = r.gid == CMDB_DOMAIN_GID ? report.domains : totals_[static_cast<uint16_t>(r.gid)];
       if (r.tcnt != held)
         fault("table limits of %s: the live count says %u, the tables hold %u", node_name(r.gid).c_str(),
               r.tcnt, held);
@@ -282,7 +282,7 @@ class Walker {
   bool walked_whole_ = true;
   int depth_ = 0;
   std::set<uint32_t> reached_;
-  std::map<uint32_t, std::tuple<uint32_t, uint32_t, uint32_t>> located_[kGroups];
+  std::map<uint32_t, std::tuple<uint32_t, uint32_t, uint32_t>> located_[CMDB_LOCATOR_GROUPS];
   std::map<uint16_t, uint32_t> totals_;
 };
 

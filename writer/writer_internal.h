@@ -27,10 +27,7 @@
 
 namespace writer::detail {
 
-inline constexpr uint16_t kDomainGid = 91;
 inline constexpr uint32_t kMaxSerial = 0x00FFFFFF;  // the low 24 bits of an ngid
-inline constexpr int kGroups = 5;                   // entry groups 0..4
-inline constexpr uint32_t kNodeIndexSlots = 1861;
 inline constexpr uint32_t kTableHead = offsetof(cmdb_table_block_t, entries);
 inline constexpr uint32_t kIndexHead = offsetof(cmdb_entry_index_t, slot);
 inline constexpr uint32_t kRootHead = offsetof(cmdb_root_block_t, entry);

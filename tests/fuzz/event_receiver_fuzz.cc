@@ -12,7 +12,7 @@
 namespace {
 int g_tx = -1, g_rx = -1;
 alignas(8) uint8_t g_table[49800];
-alignas(8) uint8_t g_debug_zone[DZ_EVENT_LOG_LEVEL + 4];
+cmdb_debug_zone_t g_debug_zone;
 volatile uint8_t g_sink;
 
 int check_handler(cmdb_event_msg_t* m) {
@@ -43,9 +43,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   g_rx = sp[1];
   // Registrations go to a private table; nothing here touches a file.
   cmdb.cmdb_event = g_table;
-  nCfg_debug_zone = g_debug_zone;
-  int32_t level = 1;
-  memcpy(g_debug_zone + DZ_EVENT_LOG_LEVEL, &level, sizeof level);
+  nCfg_debug_zone = &g_debug_zone;
+  g_debug_zone.event_log_level = 1;
   event::adopt_receiver_socket("fuzz", g_rx);
   if (register_cmdb_event(1, 0x01, 0, check_handler) != 0 ||
       register_cmdb_event(42, 0x7F, 1, check_handler) != 0 ||

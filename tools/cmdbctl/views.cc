@@ -289,9 +289,9 @@ int cmd_locks(const Options& o, bool prune) {
     int v = id < 0 ? -1 : ::semctl(id, 0, GETVAL);
     sems.add({format("debug-zone %d", i), DBGZ_SEM_KEY + i, v, lock_state(v)});
   }
-  auto* dz = static_cast<uint8_t*>(get_cmdb_dzone());
-  auto* reader_pids = reinterpret_cast<uint32_t*>(dz + DZ_READER_PIDS);
-  auto* stat_recs = reinterpret_cast<cmdb_lock_stat_t*>(dz + DZ_LOCK_STATS);
+  auto* dz = static_cast<cmdb_debug_zone_t*>(get_cmdb_dzone());
+  uint32_t* reader_pids = dz->reader_pids;
+  cmdb_lock_stat_t* stat_recs = dz->lock_stats;
   int pruned = 0;
   Table readers({"slot", "pid", "alive"});
   for (int i = 0; i < 256; ++i) {
@@ -433,10 +433,8 @@ int cmd_events(const Options& o, bool prune) {
     t.add({r.gid, name_or_gid(m.get(), r.gid), r.process, classes(r.act), format("0x%02x", r.act),
            (r.flags & EVENT_WITH_DATA) != 0, state});
   }
-  const auto* dz = static_cast<const uint8_t*>(get_cmdb_dzone());
-  uint32_t switch_word;
-  memcpy(&switch_word, dz + DZ_EVENT_SWITCH, sizeof switch_word);
-  bool on = switch_word == 0;
+  const auto* dz = static_cast<const cmdb_debug_zone_t*>(get_cmdb_dzone());
+  bool on = dz->event_switch == 0;
   if (o.json) {
     JsonObject v;
     v.add("events_on", on).add("records", records);
